@@ -1,0 +1,41 @@
+/* Error codes returned by the exported functions of the pattern engine.
+ * 0 is success; counts and answers are non-negative. */
+#ifndef VKERROR_H
+#define VKERROR_H
+
+#define UNKNOWN_ERR              (-1)
+#define BUSY_ERR                 (-2)
+#define DTYPE_NEED_MORE_DATA_ERR (-68)
+#define ZIP_FILE_COUNT_ERR       (-69)
+#define ZIP_CRC_EQU_SKIP_ERR     (-70)
+#define ZIP_RATIO_ERR            (-71)
+#define SEEK_ERR                 (-72)
+#define BAD_FILE_ERR             (-73)
+#define PSW_OFFICE_ERR           (-74)
+#define NEED_SCAN_COM            (-75)
+#define EXTRACT_TOO_BIG_ERR      (-76)
+#define DISK_FULL_ERR            (-77)
+#define MAXDECOM_ERR             (-78)
+#define FILE_EXIST_ERR           (-79)
+#define PLATFORM_ERR             (-80)
+#define NOT_SUPPORTED_ERR        (-81)
+#define BAD_ZIP_ERR              (-82)
+#define NEWPTN_STRUC_NOT_FOUND   (-83)
+#define BACKUP_NAME_FULL_ERR     (-84)
+#define BUFFER_TOO_SHORT_ERR     (-85)
+#define BAD_HANDLE_ERR           (-86)
+#define ACCESS_ERR               (-87)
+#define BREAK_ERR                (-88)
+#define SKIP_ERR                 (-89)
+#define BAD_VSC_ERR              (-90)
+#define NO_SUPP_ERR              (-91)
+#define PSW_ZIP_ERR              (-92)
+#define DISABLE_ERR              (-93)
+#define OPEN_R_ERR               (-94)
+#define OPEN_W_ERR               (-95)
+#define READ_ERR                 (-96)
+#define WRITE_ERR                (-97)
+#define NO_MEM_ERR               (-98)
+#define PARA_ERR                 (-99)
+
+#endif /* VKERROR_H */

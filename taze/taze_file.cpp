@@ -1,0 +1,1 @@
+// taze_file

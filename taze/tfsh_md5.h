@@ -1,0 +1,34 @@
+/* Body decryption (Twofish) and integrity check (MD5). */
+#ifndef TFSH_MD5_H
+#define TFSH_MD5_H
+
+#include "readptn.h"
+
+#define KORM_TFSH_MD5_SUCCESS          0
+#define KORM_TFSH_MD5_ERROR_BLOCK_ENC  1
+#define KORM_TFSH_MD5_ERROR_BLOCK_DEC  2
+#define KORM_TFSH_MD5_ERROR_CHECKSUM   3
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+/* Decrypt the enclen-byte body in place and verify its digest.
+ * 0 success, 2 decryption failure, 3 digest mismatch, -98 out of memory. */
+long decBuf(PENCHEAD encHead, unsigned char *buf);
+
+#ifdef __cplusplus
+}
+#endif
+
+/* Constants shared with the pattern writer, which encrypts inversely. */
+#ifdef __cplusplus
+namespace taze {
+/* Positions of the body bytes that form the key of the digest. */
+inline constexpr int kKeyPositions[16] = {21, 9, 30, 14, 26, 8, 19, 27, 11, 23, 17, 29, 12, 24, 31, 18};
+/* Initialisation vector of the digest's CFB-1 mode. */
+inline constexpr char kDigestIvHex[] = "7D41E09A3B6C52F8A0E9164CD2B3857F";
+}
+#endif
+
+#endif /* TFSH_MD5_H */
