@@ -1,1 +1,555 @@
-// readptn
+/* Streaming container reader.
+ *
+ * The caller pushes the file in chunks of any size; the reader stages them
+ * in a fixed 3000-byte buffer and hands them to the handler of the current
+ * piece of the container (main header, sub-pattern header, filler,
+ * encryption header, body, end trap). Wanted bodies are collected, decrypted
+ * and checked, and given to the image loaders or kept as raw bytes.
+ *
+ * Two handler chains walk the same container: the loading chain and the
+ * lighter version peek, which only skips bodies. Both share one set of
+ * header and body routines, parameterised by a table of their next states. */
+#include <climits>
+#include <cstdint>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+
+#include "readptn.h"
+#include "taze_impl.h"
+#include "tazeptn.h"
+#include "tfsh_md5.h"
+#include "vk_platform.h"
+#include "vkerror.h"
+
+namespace {
+
+/* Creation sequence numbers come from a counter that is never advanced:
+ * every record carries this value plus one. */
+const UINT32 kSequenceCounter = 0;
+
+constexpr INT32 kReadFailed = -1;
+constexpr int kPeekChunk = 32;
+
+static_assert(KORMHEAD_SIZE == 32 && KORMSUB_SIZE == 16 && ENCHEAD_SIZE == 24, "container header sizes");
+
+/* ---- handlers of both chains (defined below) ------------------------------ */
+INT32 getMainHeader(QDPatternBuf *p);
+INT32 getSubHeader(QDPatternBuf *p);
+INT32 getSpecificOffset(QDPatternBuf *p);
+INT32 getEncHead(QDPatternBuf *p);
+INT32 getTAZEData(QDPatternBuf *p);
+INT32 getULMData(QDPatternBuf *p);
+INT32 getRawPatternData(QDPatternBuf *p);
+INT32 getSkipData(QDPatternBuf *p);
+INT32 trapFun(QDPatternBuf *p);
+
+INT32 getMainHeaderPeek(QDPatternBuf *p);
+INT32 getSubHeaderPeek(QDPatternBuf *p);
+INT32 getSpecificOffsetPeek(QDPatternBuf *p);
+INT32 getEncHeadPeek(QDPatternBuf *p);
+INT32 getSkipDataPeek(QDPatternBuf *p);
+INT32 skipTAZEData(QDPatternBuf *p);
+INT32 skipULMData(QDPatternBuf *p);
+
+/* The next states of one chain. A null body state means "skip the body". */
+struct Chain {
+    QDGetDataFun subHeader;
+    QDGetDataFun specificOffset;
+    QDGetDataFun encHead;
+    QDGetDataFun skip;
+    QDGetDataFun tazBody;  /* KORM_SUB_TAZE_RULE */
+    QDGetDataFun ulmBody;  /* KORM_SUB_ULM_RULE */
+    QDGetDataFun rawBody;  /* KORM_SUB_YUB_RULE */
+    bool collects;         /* bodies are collected into tmp (else only skipped) */
+
+    constexpr QDGetDataFun bodyFor(UINT16 subtype) const
+    {
+        switch (subtype) {
+        case KORM_SUB_TAZE_RULE: return tazBody;
+        case KORM_SUB_ULM_RULE: return ulmBody;
+        case KORM_SUB_YUB_RULE: return rawBody;
+        default: return nullptr;
+        }
+    }
+};
+
+constexpr Chain kLoadChain{getSubHeader, getSpecificOffset, getEncHead, getSkipData,
+                           getTAZEData, getULMData, getRawPatternData, true};
+constexpr Chain kPeekChain{getSubHeaderPeek, getSpecificOffsetPeek, getEncHeadPeek, getSkipDataPeek,
+                           skipTAZEData, skipULMData, nullptr, false};
+
+/* ---- staging buffer ------------------------------------------------------- */
+
+/* Append as much of data as fits; the number of bytes copied. */
+int putData(QDPatternBuf *p, const char *data, int n)
+{
+    if (n < 1) return 0;
+    int room = PATTERN_BUF_SIZE - p->bufIndex;
+    int k = n < room ? n : room;
+    if (k <= 0) return 0;
+    std::memcpy(p->buf + p->bufIndex, data, static_cast<size_t>(k));
+    p->bufIndex += k;
+    return k;
+}
+
+/* Consume n bytes from the front of the buffer. */
+int flushData(QDPatternBuf *p, INT32 n)
+{
+    if (n < 0 || n > p->bufIndex) return -1;
+    std::memmove(p->buf, p->buf + n, static_cast<size_t>(p->bufIndex - n));
+    p->bufIndex -= n;
+    p->fileOffset += static_cast<UINT32>(n);
+    p->expectLen -= n;
+    return 0;
+}
+
+/* What the current handler may take now: min(expectLen, bufIndex). */
+INT32 available(const QDPatternBuf *p)
+{
+    return p->expectLen < p->bufIndex ? p->expectLen : p->bufIndex;
+}
+
+/* Body buffers grow with the bytes that arrive, so that a claimed body
+ * length costs memory only as the file delivers it (a 60-byte file may
+ * claim 2 GiB). The capacity for `collected` bytes of a body of `size`
+ * bytes: 64 KiB, doubled until it holds them, never beyond the body. A
+ * complete body fills its buffer exactly. */
+constexpr std::uint64_t kBodyFirstCapacity = 64 * 1024;
+
+size_t bodyCapacity(INT32 collected, INT32 size)
+{
+    std::uint64_t cap = kBodyFirstCapacity;
+    while (cap < static_cast<std::uint64_t>(collected)) cap *= 2;
+    return static_cast<size_t>(cap < static_cast<std::uint64_t>(size) ? cap : static_cast<std::uint64_t>(size));
+}
+
+/* Free the body buffer and forget it. */
+void dropBody(QDPatternBuf *p)
+{
+    std::free(p->tmp);
+    p->tmp = nullptr;
+    p->tmpIndex = 0;
+    p->tmpSize = 0;
+}
+
+/* ---- handlers shared by both chains ----------------------------------------- */
+
+/* After a body: the next sub-pattern header, or the end trap. secNum counts
+ * down modulo 2^32 (a cntSub beyond INT32_MAX reads as negative). */
+template <const Chain &C>
+INT32 nextSubPattern(QDPatternBuf *p)
+{
+    p->secNum = static_cast<INT32>(static_cast<UINT32>(p->secNum) - 1u);
+    if (p->secNum < 1) return setHandleFun(p, 1, trapFun);
+    return setHandleFun(p, KORMSUB_SIZE, C.subHeader);
+}
+
+/* Header decoders: big-endian fields straight from the byte stream. */
+void decodeMainHeader(const unsigned char *b, KORMHEAD &h)
+{
+    std::memcpy(h.magic, b, 4);
+    h.fmtVer = bigEndianToU16(b + 4);
+    h.mbz = bigEndianToU16(b + 6);
+    h.ptnVer = bigEndianToU32(b + 8);
+    h.cntSub = bigEndianToU32(b + 12);
+    for (int i = 0; i < 4; ++i) h.reserved[i] = bigEndianToU32(b + 16 + 4 * i);
+}
+
+void decodeSubHeader(const unsigned char *b, KORMSUB &s)
+{
+    s.subtype = bigEndianToU16(b);
+    s.enctype = bigEndianToU16(b + 2);
+    s.minver = bigEndianToU32(b + 4);
+    s.maxver = bigEndianToU32(b + 8);
+    s.offset = bigEndianToU32(b + 12);
+}
+
+void decodeEncHeader(const unsigned char *b, ENCHEAD &e)
+{
+    e.enclen = bigEndianToU32(b);
+    e.declen = bigEndianToU32(b + 4);
+    std::memcpy(e.digest, b + 8, KORM_KEY_LEN);
+}
+
+/* Decode and take one whole header; false when the buffer does not hold it. */
+template <typename Header, INT32 Size, void (*Decode)(const unsigned char *, Header &)>
+bool takeHeader(QDPatternBuf *p, Header &out)
+{
+    if (p->bufIndex < Size) return false;
+    Decode(p->buf, out);
+    flushData(p, Size);
+    return true;
+}
+
+template <const Chain &C>
+INT32 mainHeaderStep(QDPatternBuf *p)
+{
+    if (p->bufIndex < KORMHEAD_SIZE || std::memcmp(p->buf, TAZP_FILE_MAGIC_STR, 4) != 0) return kReadFailed;
+    takeHeader<KORMHEAD, KORMHEAD_SIZE, decodeMainHeader>(p, p->kormHead);
+    p->secNum = static_cast<INT32>(p->kormHead.cntSub);
+    return setHandleFun(p, KORMSUB_SIZE, C.subHeader);
+}
+
+template <const Chain &C>
+INT32 subHeaderStep(QDPatternBuf *p)
+{
+    if (!takeHeader<KORMSUB, KORMSUB_SIZE, decodeSubHeader>(p, p->kormSub)) return kReadFailed;
+    const UINT32 offset = p->kormSub.offset;
+    if (offset <= p->fileOffset) return setHandleFun(p, ENCHEAD_SIZE, C.encHead);
+    UINT32 gap = offset - p->fileOffset;
+    /* A gap never spans more than one staging buffer; one that does not even
+     * fit the expected length fails at once. */
+    if (gap > static_cast<UINT32>(INT32_MAX)) return kReadFailed;
+    return setHandleFun(p, static_cast<INT32>(gap), C.specificOffset);
+}
+
+/* The filler is taken from one buffer: what is left of it fails. */
+template <const Chain &C>
+INT32 specificOffsetStep(QDPatternBuf *p)
+{
+    if (flushData(p, available(p)) != 0 || p->expectLen != 0) return kReadFailed;
+    return setHandleFun(p, ENCHEAD_SIZE, C.encHead);
+}
+
+/* Lengths that a collected body must satisfy before anything is allocated:
+ * the payload lies inside the stored body, and an encrypted body is made of
+ * whole cipher blocks and holds the 32 bytes the digest key is taken from. */
+bool bodyLengthsValid(const ENCHEAD &e, UINT16 enctype)
+{
+    if (e.declen > e.enclen) return false;
+    if (enctype == KORM_ENC_TFSH_MD5 && (e.enclen < 32u || e.enclen % 16u != 0u)) return false;
+    return true;
+}
+
+template <const Chain &C>
+INT32 encHeadStep(QDPatternBuf *p)
+{
+    if (!takeHeader<ENCHEAD, ENCHEAD_SIZE, decodeEncHeader>(p, p->encHead)) return kReadFailed;
+    const ENCHEAD &e = p->encHead;
+    /* Body lengths are expected lengths (32-bit signed). */
+    if (e.enclen > static_cast<UINT32>(INT32_MAX)) return kReadFailed;
+    const KORMSUB &s = p->kormSub;
+    QDGetDataFun body = nullptr;
+    if (s.minver == 0 && s.maxver == 0 && e.enclen != 0) body = C.bodyFor(s.subtype);
+    if (!body) return setHandleFun(p, static_cast<INT32>(e.enclen), C.skip);
+    if (C.collects) {
+        if (!bodyLengthsValid(e, s.enctype)) return kReadFailed;
+        dropBody(p);
+        /* Room for max(enclen, declen) bytes once complete (declen never
+         * exceeds enclen here); the buffer grows as the body arrives. */
+        p->tmpSize = static_cast<INT32>(e.enclen);
+        p->tmp = static_cast<unsigned char *>(std::malloc(bodyCapacity(0, p->tmpSize)));
+        if (!p->tmp) {
+            p->tmpSize = 0;
+            return NO_MEM_ERR;
+        }
+        p->tmpIndex = 0;
+    }
+    return setHandleFun(p, static_cast<INT32>(e.enclen), body);
+}
+
+/* Skip a body; MarksUsable records that the file holds a usable rule
+ * pattern (the peek's TAZ and ULM bodies). */
+template <const Chain &C, bool MarksUsable>
+INT32 skipStep(QDPatternBuf *p)
+{
+    if (flushData(p, available(p)) != 0) return kReadFailed;
+    if (p->expectLen != 0) return 0;
+    if (MarksUsable) {
+        if (p->pTAZPattern) p->pTAZPattern->num = 1;
+        dropBody(p);
+    }
+    return nextSubPattern<C>(p);
+}
+
+/* ---- bodies of the loading chain ------------------------------------------ */
+
+/* Decrypt and check the collected body when it is encrypted. */
+bool decryptBody(QDPatternBuf *p)
+{
+    if (p->kormSub.enctype != KORM_ENC_TFSH_MD5) return true;
+    return decBuf(&p->encHead, p->tmp) == KORM_TFSH_MD5_SUCCESS;
+}
+
+/* A complete TAZ or ULM body: decrypt, load, free the body. */
+template <int (*Parse)(struct _TAZPattern *, unsigned char *, int)>
+INT32 useImageBody(QDPatternBuf *p)
+{
+    bool ok = decryptBody(p) && Parse(p->pTAZPattern, p->tmp, static_cast<int>(p->encHead.declen)) == 0;
+    dropBody(p);
+    return ok ? 0 : kReadFailed;
+}
+
+/* A complete raw body becomes the raw record's data (a second raw body
+ * replaces the first, which is freed). */
+INT32 useRawBody(QDPatternBuf *p)
+{
+    struct _RawPattern *raw = p->pRawPattern[TAZE_YUB];
+    if (!raw || !decryptBody(p)) {
+        dropBody(p);
+        return kReadFailed;
+    }
+    std::free(raw->data);
+    raw->data = p->tmp;
+    raw->len = p->encHead.declen;
+    p->tmp = nullptr;
+    p->tmpIndex = 0;
+    p->tmpSize = 0;
+    return 0;
+}
+
+/* Collect body bytes into tmp; hand the complete body to Use. */
+template <INT32 (*Use)(QDPatternBuf *)>
+INT32 collectStep(QDPatternBuf *p)
+{
+    INT32 n = available(p);
+    if (!p->tmp || n < 0 || static_cast<int64_t>(p->tmpIndex) + n > p->tmpSize) return kReadFailed;
+    const size_t capacity = bodyCapacity(p->tmpIndex + n, p->tmpSize);
+    if (capacity != bodyCapacity(p->tmpIndex, p->tmpSize)) {
+        void *grown = std::realloc(p->tmp, capacity);
+        if (!grown) return NO_MEM_ERR;
+        p->tmp = static_cast<unsigned char *>(grown);
+    }
+    std::memcpy(p->tmp + p->tmpIndex, p->buf, static_cast<size_t>(n));
+    p->tmpIndex += n;
+    flushData(p, n);
+    if (p->expectLen != 0) return 0;
+    INT32 rc = Use(p);
+    if (rc != 0) return rc;
+    return nextSubPattern<kLoadChain>(p);
+}
+
+/* ---- the named handlers -------------------------------------------------------- */
+INT32 getMainHeader(QDPatternBuf *p) { return mainHeaderStep<kLoadChain>(p); }
+INT32 getSubHeader(QDPatternBuf *p) { return subHeaderStep<kLoadChain>(p); }
+INT32 getSpecificOffset(QDPatternBuf *p) { return specificOffsetStep<kLoadChain>(p); }
+INT32 getEncHead(QDPatternBuf *p) { return encHeadStep<kLoadChain>(p); }
+INT32 getTAZEData(QDPatternBuf *p) { return collectStep<useImageBody<parseTAZPattern>>(p); }
+INT32 getULMData(QDPatternBuf *p) { return collectStep<useImageBody<parseULMPattern>>(p); }
+INT32 getRawPatternData(QDPatternBuf *p) { return collectStep<useRawBody>(p); }
+INT32 getSkipData(QDPatternBuf *p) { return skipStep<kLoadChain, false>(p); }
+
+INT32 getMainHeaderPeek(QDPatternBuf *p) { return mainHeaderStep<kPeekChain>(p); }
+INT32 getSubHeaderPeek(QDPatternBuf *p) { return subHeaderStep<kPeekChain>(p); }
+INT32 getSpecificOffsetPeek(QDPatternBuf *p) { return specificOffsetStep<kPeekChain>(p); }
+INT32 getEncHeadPeek(QDPatternBuf *p) { return encHeadStep<kPeekChain>(p); }
+INT32 getSkipDataPeek(QDPatternBuf *p) { return skipStep<kPeekChain, false>(p); }
+INT32 skipTAZEData(QDPatternBuf *p) { return skipStep<kPeekChain, true>(p); }
+INT32 skipULMData(QDPatternBuf *p) { return skipStep<kPeekChain, true>(p); }
+
+/* End trap: swallows whatever follows the last sub-pattern. */
+INT32 trapFun(QDPatternBuf *p)
+{
+    flushData(p, available(p));
+    return setHandleFun(p, 1, trapFun);
+}
+
+/* ---- records -------------------------------------------------------------------- */
+
+template <typename Record>
+Record *newRecord()
+{
+    Record *r = static_cast<Record *>(std::calloc(1, sizeof(Record)));
+    if (r) {
+        r->aRefCount.counter = 1;
+        r->nSequenceNumber = kSequenceCounter + 1;
+    }
+    return r;
+}
+
+/* Release one reference (plain read-modify-write); true when it was the
+ * last one and the caller must free the record. */
+template <typename Record>
+bool releaseReference(Record *r)
+{
+    int before = r->aRefCount.counter;
+    r->aRefCount.counter = before - 1;
+    return before == 1;
+}
+
+/* A reader with its record (and, for loading, its raw record), waiting for
+ * the main header. Null when any allocation fails. */
+QDPatternBuf *newReader(bool withRaw, QDGetDataFun first)
+{
+    QDPatternBuf *p = static_cast<QDPatternBuf *>(std::calloc(1, sizeof(QDPatternBuf)));
+    struct _TAZPattern *rec = newRecord<struct _TAZPattern>();
+    struct _RawPattern *raw = withRaw ? newRecord<struct _RawPattern>() : nullptr;
+    if (!p || !rec || (withRaw && !raw)) {
+        std::free(p);
+        std::free(rec);
+        std::free(raw);
+        return nullptr;
+    }
+    p->pTAZPattern = rec;
+    p->pRawPattern[TAZE_YUB] = raw;
+    setHandleFun(p, KORMHEAD_SIZE, first);
+    return p;
+}
+
+/* The peek reader owns a record without images and no raw record. */
+void delPatternBufferPeek(QDPatternBuf *p)
+{
+    if (!p) return;
+    if (p->pTAZPattern && releaseReference(p->pTAZPattern)) std::free(p->pTAZPattern);
+    p->pTAZPattern = nullptr;
+    dropBody(p);
+    std::free(p);
+}
+
+/* Load a payload into one image slot of the record. A second body of the
+ * same kind replaces the first image, which is released. */
+template <taz_pattern_st *(*Load)(const unsigned char *, UINT32), void (*Unload)(taz_pattern_st *),
+          taz_pattern_st *_TAZPattern::*Slot>
+int parseImage(struct _TAZPattern *rec, unsigned char *buf, int len)
+{
+    if (!rec || !buf || len < 0) return -1;
+    taz_pattern_st *img = Load(buf, static_cast<UINT32>(len));
+    if (!img) return -1;
+    taz_pattern_st *old = rec->*Slot;
+    if (old) {
+        if (rec->cur_ptn == old) rec->cur_ptn = img;
+        Unload(old);
+    }
+    rec->*Slot = img;
+    return 0;
+}
+
+} // namespace
+
+extern "C" {
+
+int setHandleFun(QDPatternBuf *pPatternBuf, INT32 expectLen, QDGetDataFun fun)
+{
+    if (!pPatternBuf) return PARA_ERR;
+    pPatternBuf->expectLen = expectLen;
+    pPatternBuf->getData = fun;
+    return 0;
+}
+
+QDPatternBuf *newPatternBuffer(void) { return newReader(true, getMainHeader); }
+
+int delPatternBuffer(QDPatternBuf *pPatternBuf)
+{
+    if (!pPatternBuf) return 0;
+    delTAZPattern(pPatternBuf->pTAZPattern);
+    pPatternBuf->pTAZPattern = nullptr;
+    dropBody(pPatternBuf);
+    delRawPattern(pPatternBuf->pRawPattern[TAZE_YUB]);
+    pPatternBuf->pRawPattern[TAZE_YUB] = nullptr;
+    std::free(pPatternBuf);
+    return 0;
+}
+
+int putPatternBuffer(QDPatternBuf *pPatternBuf, char *buf, int len)
+{
+    QDPatternBuf *p = pPatternBuf;
+    if (!p || (len != 0 && !buf)) return -1;
+    if (p->status != 0) return p->status;
+    if (!p->getData) return p->status = kReadFailed;
+
+    if (len == 0) {
+        if (p->getData == trapFun) {
+            if (p->pTAZPattern) p->pTAZPattern->patternVer = p->kormHead.ptnVer;
+            p->expectLen = 0;
+            return 0;
+        }
+        /* A handler that lacks bytes fails here. */
+        return p->status = p->getData(p);
+    }
+    if (p->expectLen == 0) return -1; /* input after the end */
+
+    int used = putData(p, buf, len);
+    /* Progress guard: a stream that keeps calling handlers without consuming
+     * its input is cut off. */
+    const int64_t maxIterations = 2 * static_cast<int64_t>(len);
+    for (int64_t iteration = 1;; ++iteration) {
+        used += putData(p, buf + used, len - used);
+        if (p->expectLen > p->bufIndex && p->bufIndex < PATTERN_BUF_SIZE) return 0;
+        INT32 rc = p->getData(p);
+        if (rc != 0) return p->status = rc;
+        if (iteration > maxIterations) return p->status = kReadFailed;
+    }
+}
+
+int parseTAZPattern(struct _TAZPattern *pTAZPattern, unsigned char *buf, int len)
+{
+    return parseImage<taz_load_pattern, taz_unload_pattern, &_TAZPattern::taz_ptn>(pTAZPattern, buf, len);
+}
+
+int parseULMPattern(struct _TAZPattern *pTAZPattern, unsigned char *buf, int len)
+{
+    return parseImage<ulm_load_pattern, ulm_unload_pattern, &_TAZPattern::ulm_ptn>(pTAZPattern, buf, len);
+}
+
+int delTAZPattern(struct _TAZPattern *pTAZPattern)
+{
+    if (!pTAZPattern || !releaseReference(pTAZPattern)) return 0;
+    if (pTAZPattern->taz_ptn) {
+        taz_unload_pattern(pTAZPattern->taz_ptn);
+        pTAZPattern->taz_ptn = nullptr;
+    }
+    if (pTAZPattern->ulm_ptn) {
+        ulm_unload_pattern(pTAZPattern->ulm_ptn);
+        pTAZPattern->ulm_ptn = nullptr;
+    }
+    std::free(pTAZPattern);
+    return 0;
+}
+
+int delRawPattern(struct _RawPattern *pRawPattern)
+{
+    if (!pRawPattern || !releaseReference(pRawPattern)) return 0;
+    if (pRawPattern->data) {
+        std::free(pRawPattern->data);
+        pRawPattern->data = nullptr;
+        pRawPattern->len = 0;
+    }
+    std::free(pRawPattern);
+    return 0;
+}
+
+int peekTAZPatternVer(const char *path, unsigned int *ver)
+{
+    if (!path || !ver) return -1;
+    FILE *f = std::fopen(path, "rb");
+    if (!f) {
+        VK_DEBUG_PRINTF(VKDEBUG_ERR, ">>fopen(%s)\n", path);
+        return -1;
+    }
+    QDPatternBuf *p = newReader(false, getMainHeaderPeek);
+    if (!p) {
+        /* Success without a version: intended, callers rely on it. */
+        VK_DEBUG_PUTS(VKDEBUG_ERR, "newPatternBufferPeek() failed");
+        std::fclose(f);
+        return 0;
+    }
+    char chunk[kPeekChunk];
+    int rc = 0;
+    size_t n;
+    while ((n = std::fread(chunk, 1, sizeof chunk, f)) > 0) {
+        rc = putPatternBuffer(p, chunk, static_cast<int>(n));
+        if (rc != 0) {
+            VK_DEBUG_PRINTF(VKDEBUG_ERR, "putPatternBufferPeek(%p, %p, %d) failed\n", static_cast<void *>(p),
+                            static_cast<void *>(chunk), static_cast<int>(n));
+            break;
+        }
+    }
+    if (rc == 0) {
+        rc = putPatternBuffer(p, chunk, 0);
+        if (rc != 0)
+            VK_DEBUG_PRINTF(VKDEBUG_ERR, "putPatternBufferPeek(%p, %p, 0) failed\n", static_cast<void *>(p),
+                            static_cast<void *>(chunk));
+    }
+    if (rc == 0) {
+        if (p->pTAZPattern->num != 0)
+            *ver = p->pTAZPattern->patternVer;
+        else
+            rc = -1;
+    }
+    delPatternBufferPeek(p);
+    std::fclose(f);
+    return rc;
+}
+
+} // extern "C"

@@ -1,1 +1,674 @@
-// taze_impl
+/* Building and releasing pattern images: the section walk shared by both
+ * pattern kinds, and the string list, range and map families.
+ *
+ * A payload is a stream of sections; each list, range or map section holds
+ * numbered lists. One constexpr table says, per section magic, what a section
+ * fills and which pattern kinds accept it; one list walk, parameterised by a
+ * record layout, loads and releases every family. */
+#include "taze_impl.h"
+
+#include <algorithm>
+#include <cassert>
+#include <cstdint>
+#include <cstdlib>
+#include <cstring>
+#include <type_traits>
+
+#include "byteorder.h"
+#include "taze_fast.h"
+#include "vk_platform.h"
+
+namespace {
+
+using taze::count_fits;
+using taze::LeCursor;
+using Image = taz_pattern_st;
+
+/* Headers of the section stream. */
+constexpr std::uint64_t kSectionHeader = sizeof(taz_section_hdr_st);
+constexpr std::uint64_t kListHeader = sizeof(taz_pattern_hdr_st);
+static_assert(kSectionHeader == 16 && kListHeader == 12, "on-disk header sizes");
+static_assert(sizeof(ipv6_st) == 16, "an IPv6 address is stored as 16 bytes");
+
+/* On top of the payload length, how many list records, and separately how
+ * many list entries and map values, one image may allocate. A compiled pattern
+ * numbers its lists densely and spends at least four bytes on every entry, so
+ * it stays far below both; a small hostile file cannot allocate gigabytes. */
+constexpr std::uint64_t kAllowance = std::uint64_t(1) << 20;
+
+struct Budget {
+    std::uint64_t records;
+    std::uint64_t elements;
+
+    static bool take(std::uint64_t &left, std::uint64_t n)
+    {
+        if (n > left) return false;
+        left -= n;
+        return true;
+    }
+};
+
+/* What one family loader may read and allocate. `avail` counts the bytes
+ * readable from the start of the section body: the section itself, or the
+ * rest of the payload when the section walk calls the loader. */
+struct Scope {
+    std::uint32_t avail;
+    Budget *budget;
+};
+
+template <typename T>
+T *alloc_zeroed(std::uint64_t n)
+{
+    /* Never a zero-byte request: an empty array is still a present array. */
+    return static_cast<T *>(std::calloc(n != 0 ? n : 1, sizeof(T)));
+}
+
+/* ---- Loader preconditions --------------------------------------------------
+ * Deliberate assertions; the texts differ per loader. Without assertions
+ * (NDEBUG) the loader fails instead. */
+enum class Pre { ByImage, ByImageV6, ByList, ByListV6 };
+
+template <Pre P>
+bool args_ok(const void *first, const unsigned char *ptn_buf, UINT32 ptn_len)
+{
+    [[maybe_unused]] const void *ptn = first;
+    [[maybe_unused]] const void *plist = first;
+    if constexpr (P == Pre::ByImage) assert(ptn && ptn_buf && ptn_len>0);
+    else if constexpr (P == Pre::ByImageV6) assert(ptn && ptn_buf && ptn_len > 0);
+    else if constexpr (P == Pre::ByList) assert(plist && ptn_buf && ptn_len>0);
+    else assert(plist && ptn_buf && ptn_len > 0);
+    return first != nullptr && ptn_buf != nullptr && ptn_len > 0;
+}
+
+/* ---- Fields ------------------------------------------------------------------ */
+bool read_field(LeCursor &c, UINT16 &v) { return c.u16(v); }
+bool read_field(LeCursor &c, UINT32 &v) { return c.u32(v); }
+bool read_field(LeCursor &c, ipv6_st &v) { return c.bytes(v.bytes, sizeof v.bytes); }
+/* Map keys and string values: the terminator must lie in the section too. */
+bool read_field(LeCursor &c, counted_string_t &v) { return c.str(v, true); }
+
+/* Fewest bytes a field occupies on disk. */
+template <typename T>
+constexpr std::uint64_t disk_min = sizeof(T);
+template <>
+constexpr std::uint64_t disk_min<counted_string_t> = 5; /* length field and terminator */
+
+/* Bytes per value that the section bound check of a map entry counts. The
+ * IPv6 values are deliberately counted like integers (four bytes each); their
+ * sixteen bytes are checked against the payload instead. */
+template <typename V>
+constexpr std::uint64_t section_check_bytes = disk_min<V>;
+template <>
+constexpr std::uint64_t section_check_bytes<ipv6_st> = 4;
+/* Value kinds whose bytes may be read beyond the section, within the payload. */
+template <typename V>
+constexpr bool reads_past_section = std::is_same_v<V, ipv6_st>;
+
+/* ---- Element kinds: one entry of a list -------------------------------------- */
+struct NoRelease {
+    template <typename E>
+    static void release(E &) {}
+};
+
+/* A list string: length, text, terminator. Only the text must lie in the
+ * section; a following string's length field covers the terminator before it. */
+struct ListString : NoRelease {
+    using elem = counted_string_t;
+    static constexpr std::uint64_t min_bytes = 4;
+    static bool parse(counted_string_t &s, LeCursor &c, Scope &) { return c.str(s, false); }
+};
+
+/* An inclusive range: low bound, high bound, copied out of the payload. */
+template <typename Range, typename Bound, Bound Range::*Lo, Bound Range::*Hi>
+struct RangeEntry : NoRelease {
+    using elem = Range;
+    static constexpr std::uint64_t min_bytes = 2 * disk_min<Bound>;
+    static bool parse(Range &r, LeCursor &c, Scope &) { return read_field(c, r.*Lo) && read_field(c, r.*Hi); }
+};
+
+/* A map entry: key, value count, values in an array owned by the entry. */
+template <typename Entry, typename Key, Key Entry::*K, typename Value, UINT32 Entry::*N, Value *Entry::*V>
+struct MapEntry {
+    using elem = Entry;
+    static constexpr std::uint64_t min_bytes = disk_min<Key> + 4;
+
+    static bool parse(Entry &e, LeCursor &c, Scope &s)
+    {
+        UINT32 nr = 0;
+        if (!read_field(c, e.*K) || !c.u32(nr)) return false;
+        e.*N = nr;
+        /* The values' view: the section, or for IPv6 values everything
+         * readable from the section start. */
+        LeCursor values(c.base(), reads_past_section<Value> ? std::max(s.avail, c.size()) : c.size(), c.pos());
+        if (!count_fits(nr, section_check_bytes<Value>, c.remaining()) ||
+            !count_fits(nr, disk_min<Value>, values.remaining()) || !Budget::take(s.budget->elements, nr))
+            return false;
+        Value *array = alloc_zeroed<Value>(nr);
+        if (array == nullptr) return false;
+        e.*V = array;
+        for (UINT32 j = 0; j < nr; ++j)
+            if (!read_field(values, array[j])) return false;
+        c.seek(values.pos());
+        return true;
+    }
+
+    static void release(Entry &e)
+    {
+        std::free(e.*V);
+        e.*V = nullptr;
+        e.*N = 0;
+    }
+};
+
+using IpRange = RangeEntry<ip_rng_st, UINT32, &ip_rng_st::ip_l, &ip_rng_st::ip_h>;
+using Ipv6Range = RangeEntry<ipv6_rng_st, ipv6_st, &ipv6_rng_st::ipv6_l, &ipv6_rng_st::ipv6_h>;
+using PortRange = RangeEntry<port_rng_st, UINT16, &port_rng_st::port_l, &port_rng_st::port_h>;
+using StrIntEntry =
+    MapEntry<simap_st, counted_string_t, &simap_st::string, UINT32, &simap_st::nr_ints, &simap_st::ints>;
+using StrIpv6Entry =
+    MapEntry<sipv6map_st, counted_string_t, &sipv6map_st::string, ipv6_st, &sipv6map_st::nr_ipv6s, &sipv6map_st::ipv6s>;
+using IntIntEntry = MapEntry<iimap_st, UINT32, &iimap_st::key, UINT32, &iimap_st::nr_ints, &iimap_st::ints>;
+using Ipv6IntEntry =
+    MapEntry<ipv6imap_st, ipv6_st, &ipv6imap_st::ipv6, UINT32, &ipv6imap_st::nr_ints, &ipv6imap_st::ints>;
+using IntStrEntry =
+    MapEntry<ismap_st, UINT32, &ismap_st::key, counted_string_t, &ismap_st::nr_strings, &ismap_st::strs>;
+using StrStrEntry =
+    MapEntry<ssmap_st, counted_string_t, &ssmap_st::string, counted_string_t, &ssmap_st::nr_strings, &ssmap_st::strs>;
+
+/* ---- List record layouts ---------------------------------------------------- */
+template <typename T>
+struct member_of;
+template <typename C, typename M>
+struct member_of<M C::*> {
+    using owner = C;
+    using type = M;
+};
+
+/* A list record: its entry count, its entry array, the entry kind and the
+ * loader's precondition. */
+template <auto Count, auto Array, typename Kind, Pre P>
+struct Layout : Kind {
+    using record = typename member_of<decltype(Count)>::owner;
+    static_assert(std::is_same_v<typename member_of<decltype(Array)>::type, typename Kind::elem *>);
+    static constexpr Pre pre = P;
+    static UINT32 &count(record &r) { return r.*Count; }
+    static typename Kind::elem *&array(record &r) { return r.*Array; }
+};
+
+/* The eight string list records share one layout; the others are listed. */
+template <typename Rec>
+struct layout_of : Layout<&Rec::nr_strings, &Rec::strings, ListString, Pre::ByImage> {};
+template <>
+struct layout_of<ip_rng_list_st>
+    : Layout<&ip_rng_list_st::nr_ip_ranges, &ip_rng_list_st::ip_ranges, IpRange, Pre::ByImage> {};
+template <>
+struct layout_of<ipv6_rng_list_st>
+    : Layout<&ipv6_rng_list_st::nr_ipv6_ranges, &ipv6_rng_list_st::ipv6_ranges, Ipv6Range, Pre::ByImageV6> {};
+template <>
+struct layout_of<port_rng_list_st>
+    : Layout<&port_rng_list_st::nr_port_ranges, &port_rng_list_st::port_ranges, PortRange, Pre::ByImage> {};
+template <>
+struct layout_of<simap_list_st>
+    : Layout<&simap_list_st::nr_str_int_maps, &simap_list_st::str_int_maps, StrIntEntry, Pre::ByList> {};
+template <>
+struct layout_of<sipv6map_list_st>
+    : Layout<&sipv6map_list_st::nr_str_ipv6_maps, &sipv6map_list_st::str_ipv6_maps, StrIpv6Entry, Pre::ByListV6> {};
+template <>
+struct layout_of<iimap_list_st>
+    : Layout<&iimap_list_st::nr_int_int_maps, &iimap_list_st::int_int_maps, IntIntEntry, Pre::ByImage> {};
+template <>
+struct layout_of<ipv6imap_list_st>
+    : Layout<&ipv6imap_list_st::nr_ipv6_int_maps, &ipv6imap_list_st::ipv6_int_maps, Ipv6IntEntry, Pre::ByImageV6> {};
+template <>
+struct layout_of<ismap_list_st>
+    : Layout<&ismap_list_st::nr_int_str_maps, &ismap_list_st::int_str_maps, IntStrEntry, Pre::ByList> {};
+template <>
+struct layout_of<ssmap_list_st>
+    : Layout<&ssmap_list_st::nr_str_str_maps, &ssmap_list_st::str_str_maps, StrStrEntry, Pre::ByList> {};
+
+/* ---- The list walk shared by every family ----------------------------------- */
+
+/* Frees one record's entries and leaves it empty, so that releasing it again
+ * frees nothing. */
+template <typename L>
+void release_record(typename L::record &r)
+{
+    auto *&entries = L::array(r);
+    if (entries != nullptr)
+        for (UINT32 j = 0; j < L::count(r); ++j) L::release(entries[j]);
+    std::free(entries);
+    entries = nullptr;
+    L::count(r) = 0;
+}
+
+template <typename L>
+void release_lists(typename L::record *recs, std::uint64_t limit)
+{
+    if (recs == nullptr) return;
+    for (std::uint64_t i = 0; i < limit; ++i) release_record<L>(recs[i]);
+}
+
+/* One list of n entries, from the cursor (just after its header). Entries are
+ * bounded by the section, not by the list's own size. */
+template <typename L>
+bool load_list(typename L::record &r, LeCursor &c, UINT32 n, Scope &s)
+{
+    if (!count_fits(n, L::min_bytes, c.remaining()) || !Budget::take(s.budget->elements, n)) return false;
+    release_record<L>(r); /* a list number given twice: the later list replaces the earlier */
+    auto *entries = alloc_zeroed<typename L::elem>(n);
+    if (entries == nullptr) return false;
+    L::array(r) = entries;
+    L::count(r) = n;
+    for (UINT32 j = 0; j < n; ++j)
+        if (!L::parse(entries[j], c, s)) return false;
+    return true;
+}
+
+template <typename L>
+bool walk_lists(typename L::record *recs, std::uint64_t usable, const unsigned char *ptn_buf, UINT32 ptn_len,
+                UINT32 count, Scope &s)
+{
+    LeCursor c(ptn_buf, ptn_len);
+    std::uint64_t off = 0;
+    for (UINT32 k = 0; k < count; ++k) {
+        c.seek(off);
+        UINT32 number = 0, size = 0, n = 0;
+        if (!c.list_header(number, size, n)) return false;
+        off += kListHeader + size;
+        if (!c.within(off)) return false;
+        /* Lists numbered beyond the records, and empty lists, are skipped. */
+        if (number < usable && n != 0 && !load_list<L>(recs[number], c, n, s)) return false;
+    }
+    return true;
+}
+
+/* (first argument, list records, section body, section size, list count,
+ * records available) -> 0, or -1 with the family's records left empty. */
+template <typename L>
+int load_lists(const void *first, typename L::record *recs, const unsigned char *ptn_buf, UINT32 ptn_len,
+               UINT32 count, INT32 limit, Scope &s)
+{
+    if (!args_ok<L::pre>(first, ptn_buf, ptn_len)) return -1;
+    if (count == 0) return 0;
+    const std::uint64_t usable = limit > 0 ? std::uint64_t(limit) : 0;
+    if (recs == nullptr && usable != 0) return -1;
+    if (walk_lists<L>(recs, usable, ptn_buf, ptn_len, count, s)) return 0;
+    release_lists<L>(recs, usable);
+    return -1;
+}
+
+/* The exported loaders: nothing readable beyond the section is known. */
+template <typename Rec>
+int load_direct(const void *first, Rec *recs, const unsigned char *ptn_buf, UINT32 ptn_len, UINT32 count,
+                INT32 limit)
+{
+    Budget budget{0, kAllowance + ptn_len};
+    Scope s{ptn_len, &budget};
+    return load_lists<layout_of<Rec>>(first, recs, ptn_buf, ptn_len, count, limit, s);
+}
+
+template <typename Rec>
+void release_limit(Rec *recs, INT32 limit)
+{
+    if (limit > 0) release_lists<layout_of<Rec>>(recs, std::uint64_t(limit));
+}
+
+/* ---- Section kinds ------------------------------------------------------------ */
+enum : unsigned { kMain = 1u, kSecond = 2u, kBoth = kMain | kSecond };
+
+/* State of one section walk. */
+struct Walk {
+    Image *ptn;
+    Budget budget;
+};
+
+using SectionLoad = int (*)(Walk &, const unsigned char *body, UINT32 size, UINT32 count);
+using SectionRelease = void (*)(Image *);
+
+struct SectionKind {
+    UINT32 magic;
+    unsigned kinds;         /* pattern kinds that accept the section */
+    SectionLoad load;
+    SectionRelease release; /* run by the image release, in table order */
+};
+
+/* A list, range or map family held in the image as (list array, list count). */
+template <auto Lists, auto Count>
+struct Family {
+    using Rec = std::remove_pointer_t<typename member_of<decltype(Lists)>::type>;
+    using L = layout_of<Rec>;
+
+    static void release(Image *ptn)
+    {
+        release_lists<L>(ptn->*Lists, ptn->*Count);
+        std::free(ptn->*Lists);
+        ptn->*Lists = nullptr;
+        ptn->*Count = 0;
+    }
+
+    static int load(Walk &w, const unsigned char *body, UINT32 size, UINT32 count)
+    {
+        Image *ptn = w.ptn;
+        release(ptn); /* a second section of this kind replaces the first */
+        const UINT32 max = taz_get_max_list_count(body, size, count);
+        if (max > UINT32(INT32_MAX) || !Budget::take(w.budget.records, max)) return -1;
+        Rec *recs = alloc_zeroed<Rec>(max);
+        if (recs == nullptr) return -1;
+        ptn->*Lists = recs;
+        ptn->*Count = max;
+        Scope s{UINT32(ptn->ptn_len - UINT32(body - ptn->ptn_buf)), &w.budget};
+        /* The image stands for the loader's first argument: it and the list
+         * array are both present here. */
+        return load_lists<L>(ptn, recs, body, size, count, INT32(max), s);
+    }
+};
+
+template <auto Lists, auto Count>
+constexpr SectionKind lists(UINT32 magic, unsigned kinds)
+{
+    return {magic, kinds, &Family<Lists, Count>::load, &Family<Lists, Count>::release};
+}
+
+using InfoLoad = int (*)(Image *, const unsigned char *, UINT32, UINT32);
+
+template <InfoLoad Load>
+int info_load(Walk &w, const unsigned char *body, UINT32 size, UINT32 count)
+{
+    return Load(w.ptn, body, size, count);
+}
+
+template <InfoLoad Load>
+constexpr SectionKind info(UINT32 magic, unsigned kinds, SectionRelease release)
+{
+    return {magic, kinds, &info_load<Load>, release};
+}
+
+/* Every section kind, in the image's field order (the release order). The
+ * second kind has no case-sensitive prefix, suffix and substring lists and
+ * alone carries the "ULM\0" section; everything else is shared. Unknown
+ * magics, "CMPR" at section level among them, are skipped. */
+constexpr SectionKind kSections[] = {
+    lists<&Image::string_lists, &Image::max_string_list_count>(MAGIC_TAZE_PATTERN_STR, kBoth),
+    lists<&Image::string_prefix_lists, &Image::max_string_prefix_list_count>(MAGIC_TAZE_PATTERN_STR_PREFIX, kBoth),
+    lists<&Image::string_suffix_lists, &Image::max_string_suffix_list_count>(MAGIC_TAZE_PATTERN_STR_SUFFIX, kBoth),
+    lists<&Image::string_substring_lists, &Image::max_string_substring_list_count>(
+        MAGIC_TAZE_PATTERN_STR_SUBSTR, kBoth),
+    lists<&Image::string_case_lists, &Image::max_string_case_list_count>(MAGIC_TAZE_PATTERN_STR_CASE, kBoth),
+    lists<&Image::string_prefix_case_lists, &Image::max_string_prefix_case_list_count>(
+        MAGIC_TAZE_PATTERN_STR_PREFIX_CASE, kMain),
+    lists<&Image::string_suffix_case_lists, &Image::max_string_suffix_case_list_count>(
+        MAGIC_TAZE_PATTERN_STR_SUFFIX_CASE, kMain),
+    lists<&Image::string_substr_case_lists, &Image::max_string_substr_case_list_count>(
+        MAGIC_TAZE_PATTERN_STR_SUBSTR_CASE, kMain),
+    lists<&Image::ip_range_lists, &Image::max_ip_range_list_count>(MAGIC_TAZE_PATTERN_IP, kBoth),
+    lists<&Image::ipv6_range_lists, &Image::max_ipv6_range_list_count>(MAGIC_TAZE_PATTERN_IPV6, kBoth),
+    lists<&Image::port_range_lists, &Image::max_port_range_list_count>(MAGIC_TAZE_PATTERN_PORT, kBoth),
+    lists<&Image::str_int_map_lists, &Image::max_str_int_map_list_count>(MAGIC_TAZE_PATTERN_STR_INT_MAP, kBoth),
+    lists<&Image::prefix_int_map_lists, &Image::max_prefix_int_map_list_count>(
+        MAGIC_TAZE_PATTERN_PREFIX_INT_MAP, kBoth),
+    lists<&Image::suffix_int_map_lists, &Image::max_suffix_int_map_list_count>(
+        MAGIC_TAZE_PATTERN_SUFFIX_INT_MAP, kBoth),
+    lists<&Image::substr_int_map_lists, &Image::max_substr_int_map_list_count>(
+        MAGIC_TAZE_PATTERN_SUBSTR_INT_MAP, kBoth),
+    lists<&Image::int_int_map_lists, &Image::max_int_int_map_list_count>(MAGIC_TAZE_PATTERN_INT_INT_MAP, kBoth),
+    lists<&Image::int_str_map_lists, &Image::max_int_str_map_list_count>(MAGIC_TAZE_PATTERN_INT_STR_MAP, kBoth),
+    lists<&Image::int_prefix_map_lists, &Image::max_int_prefix_map_list_count>(
+        MAGIC_TAZE_PATTERN_INT_PREFIX_MAP, kBoth),
+    lists<&Image::int_suffix_map_lists, &Image::max_int_suffix_map_list_count>(
+        MAGIC_TAZE_PATTERN_INT_SUFFIX_MAP, kBoth),
+    lists<&Image::int_substr_map_lists, &Image::max_int_substr_map_list_count>(
+        MAGIC_TAZE_PATTERN_INT_SUBSTR_MAP, kBoth),
+    lists<&Image::str_str_map_lists, &Image::max_str_str_map_list_count>(MAGIC_TAZE_PATTERN_STR_STR_MAP, kBoth),
+    lists<&Image::str_prefix_map_lists, &Image::max_str_prefix_map_list_count>(
+        MAGIC_TAZE_PATTERN_STR_PREFIX_MAP, kBoth),
+    lists<&Image::str_suffix_map_lists, &Image::max_str_suffix_map_list_count>(
+        MAGIC_TAZE_PATTERN_STR_SUFFIX_MAP, kBoth),
+    lists<&Image::str_substr_map_lists, &Image::max_str_substr_map_list_count>(
+        MAGIC_TAZE_PATTERN_STR_SUBSTR_MAP, kBoth),
+    lists<&Image::prefix_str_map_lists, &Image::max_prefix_str_map_list_count>(
+        MAGIC_TAZE_PATTERN_PREFIX_STR_MAP, kBoth),
+    lists<&Image::prefix_prefix_map_lists, &Image::max_prefix_prefix_map_list_count>(
+        MAGIC_TAZE_PATTERN_PREFIX_PREFIX_MAP, kBoth),
+    lists<&Image::prefix_suffix_map_lists, &Image::max_prefix_suffix_map_list_count>(
+        MAGIC_TAZE_PATTERN_PREFIX_SUFFIX_MAP, kBoth),
+    lists<&Image::prefix_substr_map_lists, &Image::max_prefix_substr_map_list_count>(
+        MAGIC_TAZE_PATTERN_PREFIX_SUBSTR_MAP, kBoth),
+    lists<&Image::suffix_str_map_lists, &Image::max_suffix_str_map_list_count>(
+        MAGIC_TAZE_PATTERN_SUFFIX_STR_MAP, kBoth),
+    lists<&Image::suffix_prefix_map_lists, &Image::max_suffix_prefix_map_list_count>(
+        MAGIC_TAZE_PATTERN_SUFFIX_PREFIX_MAP, kBoth),
+    lists<&Image::suffix_suffix_map_lists, &Image::max_suffix_suffix_map_list_count>(
+        MAGIC_TAZE_PATTERN_SUFFIX_SUFFIX_MAP, kBoth),
+    lists<&Image::suffix_substr_map_lists, &Image::max_suffix_substr_map_list_count>(
+        MAGIC_TAZE_PATTERN_SUFFIX_SUBSTR_MAP, kBoth),
+    lists<&Image::substr_str_map_lists, &Image::max_substr_str_map_list_count>(
+        MAGIC_TAZE_PATTERN_SUBSTR_STR_MAP, kBoth),
+    lists<&Image::substr_prefix_map_lists, &Image::max_substr_prefix_map_list_count>(
+        MAGIC_TAZE_PATTERN_SUBSTR_PREFIX_MAP, kBoth),
+    lists<&Image::substr_suffix_map_lists, &Image::max_substr_suffix_map_list_count>(
+        MAGIC_TAZE_PATTERN_SUBSTR_SUFFIX_MAP, kBoth),
+    lists<&Image::substr_substr_map_lists, &Image::max_substr_substr_map_list_count>(
+        MAGIC_TAZE_PATTERN_SUBSTR_SUBSTR_MAP, kBoth),
+    lists<&Image::string_ipv6_map_lists, &Image::max_string_ipv6_map_list_count>(
+        MAGIC_TAZE_PATTERN_STR_IPV6_MAP, kBoth),
+    lists<&Image::prefix_ipv6_map_lists, &Image::max_prefix_ipv6_map_list_count>(
+        MAGIC_TAZE_PATTERN_PREFIX_IPV6_MAP, kBoth),
+    lists<&Image::suffix_ipv6_map_lists, &Image::max_suffix_ipv6_map_list_count>(
+        MAGIC_TAZE_PATTERN_SUFFIX_IPV6_MAP, kBoth),
+    lists<&Image::substr_ipv6_map_lists, &Image::max_substr_ipv6_map_list_count>(
+        MAGIC_TAZE_PATTERN_SUBSTR_IPV6_MAP, kBoth),
+    lists<&Image::ipv6_int_map_lists, &Image::max_ipv6_int_map_list_count>(MAGIC_TAZE_PATTERN_IPV6_INT_MAP, kBoth),
+    info<taz_load_rule_info_ptns>(MAGIC_TAZE_PATTERN_RULE_INFO, kBoth, taz_unload_rule_info_ptns),
+    info<taz_load_clean_info_ptns>(MAGIC_TAZE_PATTERN_CLEAN_INFO, kBoth, taz_unload_clean_info_ptns),
+    info<taz_load_ptn_info_ptns>(MAGIC_TAZE_PATTERN_PATTERN_INFO, kBoth, nullptr),
+    info<taz_load_protocol_ptns>(MAGIC_TAZE_PATTERN_PROTOCOL_INFO, kBoth, taz_unload_protocol_ptns),
+    info<taz_load_severity_ptns>(MAGIC_TAZE_PATTERN_SEVERITY_INFO, kBoth, taz_unload_severity_ptns),
+    info<taz_load_threat_type>(MAGIC_TAZE_THREAT_TYPE, kBoth, taz_unload_threat_type),
+    info<taz_load_ulm_info_ptns>(MAGIC_TAZE_PATTERN_ULM_INFO, kSecond, nullptr),
+};
+
+constexpr bool magics_unique()
+{
+    for (const SectionKind &a : kSections) {
+        int seen = 0;
+        for (const SectionKind &b : kSections) seen += a.magic == b.magic;
+        if (seen != 1) return false;
+    }
+    return true;
+}
+static_assert(magics_unique(), "one row per section magic");
+
+const SectionKind *section_kind(UINT32 magic, unsigned kind)
+{
+    for (const SectionKind &k : kSections)
+        if (k.magic == magic) return (k.kinds & kind) != 0 ? &k : nullptr;
+    return nullptr;
+}
+
+/* ---- Images ------------------------------------------------------------------- */
+
+/* Walks the sections of ptn_buf in file order: 0, or -1 with the image's
+ * contents left for the caller to release. */
+int walk_sections(Image *ptn, unsigned kind)
+{
+    if (ptn == nullptr || (ptn->ptn_buf == nullptr && ptn->ptn_len != 0)) return -1;
+    const UINT32 len = ptn->ptn_len;
+    Walk w{ptn, {kAllowance + len, kAllowance + len}};
+    LeCursor c(ptn->ptn_buf, len);
+    /* Fewer than 16 trailing bytes are ignored. */
+    while (c.has(kSectionHeader)) {
+        taz_section_hdr_st h{};
+        c.u32(h.magic);
+        c.u32(h.crc); /* never checked */
+        c.u32(h.size);
+        c.u32(h.count);
+        const std::uint64_t end = c.pos() + h.size;
+        if (!c.within(end)) {
+            /* A sum beyond 32 bits is shown as the largest value. */
+            const UINT32 shown = UINT32(std::min<std::uint64_t>(end, UINT32_MAX));
+            VK_DEBUG_PRINTF(VKDEBUG_ERR, "Error! i+shdr.size=%u > ptn_len=%u\n", shown, len);
+            return -1;
+        }
+        const SectionKind *k = section_kind(h.magic, kind);
+        if (k != nullptr && k->load(w, c.here(), h.size, h.count) != 0) return -1;
+        c.seek(end);
+    }
+    return 0;
+}
+
+/* Releases every field of the image that this kind fills, leaving each one
+ * empty; a second call frees nothing. */
+void fini_image(Image *ptn, unsigned kind)
+{
+    if (ptn == nullptr) return;
+    for (const SectionKind &k : kSections)
+        if ((k.kinds & kind) != 0 && k.release != nullptr) k.release(ptn);
+}
+
+int init_image(Image *ptn, unsigned kind)
+{
+    if (walk_sections(ptn, kind) == 0) return 0;
+    fini_image(ptn, kind);
+    return -1;
+}
+
+void unload_image(Image *ptn, unsigned kind)
+{
+    if (ptn == nullptr) return;
+    taz_fast_release(ptn); /* the search indexes point into the image */
+    fini_image(ptn, kind);
+    std::free(ptn->ptn_buf);
+    std::free(ptn);
+}
+
+Image *load_image(const unsigned char *buf, UINT32 len, unsigned kind)
+{
+    assert(buf!=((void *)0));
+    if (buf == nullptr) return nullptr;
+    /* A private copy with zero padding, so that every NUL-terminated view of
+     * a stored string ends inside it. */
+    auto *copy = static_cast<unsigned char *>(std::malloc(std::size_t(len) + TAZ_PTN_PAD));
+    if (copy == nullptr) return nullptr;
+    std::memcpy(copy, buf, len);
+    std::memset(copy + len, 0, TAZ_PTN_PAD);
+    Image *ptn = alloc_zeroed<Image>(1);
+    if (ptn == nullptr) {
+        std::free(copy);
+        return nullptr;
+    }
+    ptn->ptn_buf = copy;
+    ptn->ptn_len = len;
+    if (init_image(ptn, kind) == 0) {
+        taz_fast_build(ptn); /* without indexes the plain searches answer alone */
+        return ptn;
+    }
+    unload_image(ptn, kind); /* releases the (already empty) fields once more */
+    return nullptr;
+}
+
+} // namespace
+
+/* ---- Exported internals ------------------------------------------------------- */
+
+taz_pattern_st *taz_load_pattern(const unsigned char *buf, UINT32 len) { return load_image(buf, len, kMain); }
+void taz_unload_pattern(taz_pattern_st *ptn) { unload_image(ptn, kMain); }
+int taz_pattern_init(taz_pattern_st *ptn) { return init_image(ptn, kMain); }
+void taz_pattern_fini(taz_pattern_st *ptn) { fini_image(ptn, kMain); }
+
+taz_pattern_st *ulm_load_pattern(const unsigned char *buf, UINT32 len) { return load_image(buf, len, kSecond); }
+void ulm_unload_pattern(taz_pattern_st *ptn) { unload_image(ptn, kSecond); }
+void ulm_pattern_fini(taz_pattern_st *ptn) { fini_image(ptn, kSecond); }
+
+void ulm_pattern_init(taz_pattern_st *ptn)
+{
+    if (ptn != nullptr) std::memset(ptn, 0, sizeof *ptn);
+}
+
+/* List records a family needs for one section: one past the highest list
+ * number (a list numbered 0xFFFFFFFF counts for nothing), or 0 when a list
+ * header runs past the section. */
+UINT32 taz_get_max_list_count(const unsigned char *ptn_buf, UINT32 ptn_len, UINT32 count)
+{
+    if (ptn_buf == nullptr) return 0;
+    LeCursor c(ptn_buf, ptn_len);
+    UINT32 max = 0;
+    std::uint64_t off = 0;
+    for (UINT32 k = 0; k < count; ++k) {
+        c.seek(off);
+        UINT32 number = 0, size = 0, n = 0;
+        if (!c.list_header(number, size, n)) return 0;
+        off += kListHeader + size;
+        if (!c.within(off)) return 0;
+        max = std::max(max, UINT32(number + 1u));
+    }
+    return max;
+}
+
+/* The second kind's name section: lists of (length, name, terminator). A
+ * later name list replaces the earlier name. */
+int taz_load_ulm_info_ptns(taz_pattern_st *ptn, const unsigned char *ptn_buf, UINT32 ptn_len, UINT32 count)
+{
+    if (!args_ok<Pre::ByImage>(ptn, ptn_buf, ptn_len)) return -1;
+    LeCursor c(ptn_buf, ptn_len);
+    std::uint64_t off = 0;
+    for (UINT32 k = 0; k < count; ++k) {
+        c.seek(off);
+        UINT32 magic = 0, size = 0, n = 0;
+        if (!c.list_header(magic, size, n)) return -1;
+        off += kListHeader + size;
+        if (!c.within(off)) return -1;
+        if (n == 0) continue;
+        if (magic == MAGIC_TAZE_PATTERN_ULM_INFO) {
+            counted_string_t name{};
+            if (!c.str(name, true)) return -1;
+            ptn->ulm_info.malname = name.ptr;
+        } else {
+            VK_DEBUG_PRINTF(VKDEBUG_ERR, "BUG: Un-recognized pattern info pattern header magic: %08x", magic);
+        }
+    }
+    return 0;
+}
+
+/* The per-family loaders and releasers: thin instantiations of the list walk.
+ * The image-held families find their list array in the image; the releasers'
+ * assertions read through the image, so an absent image is ignored first. */
+#define TAZ_LOADER(load, type, first, records)                                                            \
+    int load(type *first, const unsigned char *ptn_buf, UINT32 ptn_len, UINT32 count, INT32 limit)        \
+    {                                                                                                     \
+        return load_direct(first, records, ptn_buf, ptn_len, count, limit);                               \
+    }
+
+#define TAZ_IMAGE_FAMILY(load, unload, field)                                                             \
+    TAZ_LOADER(load, taz_pattern_st, ptn, ptn ? ptn->field : nullptr)                                     \
+    void unload(taz_pattern_st *ptn, INT32 limit)                                                         \
+    {                                                                                                     \
+        if (ptn == nullptr) return;                                                                       \
+        assert(limit == 0 || ptn != ((void *)0) || ptn->field != ((void *)0));                            \
+        release_limit(ptn->field, limit);                                                                 \
+    }
+
+#define TAZ_LIST_FAMILY(load, unload, record)                                                             \
+    TAZ_LOADER(load, record, plist, plist)                                                                \
+    void unload(record *plist, INT32 limit)                                                               \
+    {                                                                                                     \
+        assert(limit == 0 || plist != ((void *)0));                                                       \
+        release_limit(plist, limit);                                                                      \
+    }
+
+TAZ_IMAGE_FAMILY(taz_load_string_ptns, taz_unload_string_ptns, string_lists)
+TAZ_IMAGE_FAMILY(taz_load_string_prefix_ptns, taz_unload_string_prefix_ptns, string_prefix_lists)
+TAZ_IMAGE_FAMILY(taz_load_string_suffix_ptns, taz_unload_string_suffix_ptns, string_suffix_lists)
+TAZ_IMAGE_FAMILY(taz_load_string_substring_ptns, taz_unload_string_substring_ptns, string_substring_lists)
+TAZ_IMAGE_FAMILY(taz_load_string_case_ptns, taz_unload_string_case_ptns, string_case_lists)
+TAZ_IMAGE_FAMILY(taz_load_string_prefix_case_ptns, taz_unload_string_prefix_case_ptns, string_prefix_case_lists)
+TAZ_IMAGE_FAMILY(taz_load_string_suffix_case_ptns, taz_unload_string_suffix_case_ptns, string_suffix_case_lists)
+TAZ_IMAGE_FAMILY(taz_load_string_substring_case_ptns, taz_unload_string_substring_case_ptns, string_substr_case_lists)
+TAZ_IMAGE_FAMILY(taz_load_ip_range_ptns, taz_unload_ip_range_ptns, ip_range_lists)
+TAZ_IMAGE_FAMILY(taz_load_ipv6_range_ptns, taz_unload_ipv6_range_ptns, ipv6_range_lists)
+TAZ_IMAGE_FAMILY(taz_load_port_range_ptns, taz_unload_port_range_ptns, port_range_lists)
+TAZ_IMAGE_FAMILY(taz_load_int_int_map_ptns, taz_unload_int_int_map_ptns, int_int_map_lists)
+TAZ_IMAGE_FAMILY(taz_load_ipv6_int_map_ptns, taz_unload_ipv6_int_map_ptns, ipv6_int_map_lists)
+TAZ_LIST_FAMILY(taz_load_str_int_map_ptns, taz_unload_str_int_map_ptns, simap_list_st)
+TAZ_LIST_FAMILY(taz_load_str_ipv6_map_ptns, taz_unload_str_ipv6_map_ptns, sipv6map_list_st)
+TAZ_LIST_FAMILY(taz_load_int_str_map_ptns, taz_unload_int_str_map_ptns, ismap_list_st)
+TAZ_LIST_FAMILY(taz_load_str_str_map_ptns, taz_unload_str_str_map_ptns, ssmap_list_st)

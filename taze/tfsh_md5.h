@@ -17,6 +17,12 @@ extern "C" {
  * 0 success, 2 decryption failure, 3 digest mismatch, -98 out of memory. */
 long decBuf(PENCHEAD encHead, unsigned char *buf);
 
+/* One-time libgcrypt set-up shared with the pattern writer; 1 when usable. */
+int tfsh_gcrypt_init(void);
+/* CFB-1 over 128 bits of data, in place (encrypt 1) or inverse (encrypt 0). */
+long tfsh_cfb1(const unsigned char key[KORM_KEY_LEN], const unsigned char iv[KORM_KEY_LEN],
+               unsigned char data[KORM_KEY_LEN], int encrypt);
+
 #ifdef __cplusplus
 }
 #endif

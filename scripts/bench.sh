@@ -1,0 +1,14 @@
+#!/usr/bin/env bash
+# bench.sh [--quick] [benchmark flags...]: builds the benchmarks in Release
+# (with the Hyperscan baseline, installed with apt-get when missing) and runs
+# them; the run ends with the ratio table that bench/RESULTS.md records.
+# --quick stops at 100k entries and 16 MiB files. Run it on a quiet machine:
+# the figures of one run are compared with each other, never across runs.
+set -euo pipefail
+cd "$(dirname "$0")/.."
+TAZE_WITH_HYPERSCAN=1 scripts/setup.sh
+scripts/build.sh build/bench -DCMAKE_BUILD_TYPE=Release -DTAZE_BUILD_BENCH=ON -DTAZE_BUILD_TESTS=OFF \
+  -DTAZE_BUILD_TOOLS=OFF
+out=build/bench/bench-$(date +%Y%m%d-%H%M%S).txt
+build/bench/bench/bench_taze --benchmark_color=false "$@" | tee "$out"
+echo "== results kept in $out"

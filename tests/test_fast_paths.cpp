@@ -1,0 +1,409 @@
+// The load-time search indexes against the plain searches they stand in for:
+// every list and map of images built by the writer (sorted, badly ordered,
+// with equal entries, with NULs inside entries and with terminators that are
+// not NUL) is searched with keys derived from its entries, through the index
+// and through the plain search, and the answers must be the same entry.
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <malloc.h>
+#include <cstring>
+#include <random>
+#include <string>
+#include <vector>
+
+#include "taze_fast.h"
+#include "taze_impl.h"
+#include "tazapi.h"
+#include "tazewriter.h"
+#include "tazewriter_info.h"
+#include "test_support.h"
+#include "vkc.h"
+
+namespace {
+
+using tazw::Bytes;
+using tazw::magic4;
+using Pattern = taz_pattern_st;
+namespace fast = taze::fast;
+
+/* How the entries of a generated list are stored. */
+enum class Layout { Sorted, Shuffled, SortedWithEqual, Reversed };
+constexpr Layout kLayouts[] = {Layout::Sorted, Layout::Shuffled, Layout::SortedWithEqual, Layout::Reversed};
+
+/* Index every list, with the hash or with the tree for exact lists. */
+constexpr fast::Options kEveryList{0, 0, 0, true};
+constexpr fast::Options kTreesOnly{0, 0, 0, false};
+
+struct Rng {
+    std::mt19937 g;
+    explicit Rng(unsigned seed) : g(seed) {}
+    unsigned below(unsigned n) { return n ? unsigned(g() % n) : 0; }
+    bool one_in(unsigned n) { return below(n) == 0; }
+    /* Few letters (long shared prefixes), both cases, bytes above 0x7F. */
+    std::string text(unsigned max_len)
+    {
+        static const char abc[] = "aAbB.-/zZc\xC4\xE4\x80\xFF";
+        std::string s(below(max_len + 1), 'a');
+        for (char &c : s) c = abc[below(sizeof abc - 1)];
+        return s;
+    }
+};
+
+/* Entries of one list: texts, some equal but for case, some with a NUL. */
+std::vector<std::string> entries(Rng &r, Layout layout, tazw::Order order)
+{
+    std::vector<std::string> v(r.below(90));
+    for (std::string &s : v) {
+        s = r.text(9);
+        if (r.one_in(25)) s.insert(s.begin() + r.below(unsigned(s.size()) + 1), '\0');
+    }
+    if (layout == Layout::SortedWithEqual)
+        for (std::size_t i = 0, n = v.size(); i < n && i < 12; ++i) {
+            std::string twin = v[i];
+            for (char &c : twin) c = char(std::toupper(static_cast<unsigned char>(c)));
+            v.push_back(r.one_in(2) ? twin : v[i]);
+        }
+    if (layout == Layout::Shuffled)
+        std::shuffle(v.begin(), v.end(), r.g);
+    else
+        tazw::sort_in(order, v);
+    if (layout == Layout::Reversed) std::reverse(v.begin(), v.end());
+    return v;
+}
+
+/* Keys made from the entries: themselves, with case changed, cut, extended
+ * at either end, with bytes changed; and random texts and the empty key. */
+std::vector<std::string> keys_for(Rng &r, const std::vector<std::string> &es)
+{
+    std::vector<std::string> k = {"", "a", std::string(3000, 'a')};
+    for (int i = 0; i < 40; ++i) k.push_back(r.text(12));
+    for (std::size_t i = 0; i < es.size() && i < 60; ++i) {
+        std::string e = es[r.below(unsigned(es.size()))].c_str(); /* a key ends at its first NUL */
+        k.push_back(e);
+        std::string flipped = e;
+        for (char &c : flipped)
+            if (r.one_in(2)) c = char(c ^ 0x20);
+        k.push_back(flipped);
+        k.push_back(e.substr(0, r.below(unsigned(e.size()) + 1)));
+        k.push_back(e.substr(r.below(unsigned(e.size()) + 1)));
+        k.push_back(e + r.text(4));
+        k.push_back(r.text(4) + e);
+        k.push_back(r.text(3) + e + r.text(3));
+        if (!e.empty()) {
+            std::string changed = e;
+            changed[r.below(unsigned(e.size()))] = "aZ.\xE4"[r.below(4)];
+            k.push_back(changed);
+        }
+    }
+    for (std::string &s : k) s = s.c_str();
+    return k;
+}
+
+const unsigned char *bytes(const std::string &s) { return reinterpret_cast<const unsigned char *>(s.c_str()); }
+
+/* Stored strings whose terminator is not NUL when `runs_on` says so. */
+Bytes string_entries(const std::vector<std::string> &v, Rng &r, bool runs_on)
+{
+    tazw::LeBuf b;
+    for (const std::string &s : v) b.u32(std::uint32_t(s.size())).raw(s.data(), s.size()).u8(runs_on && r.one_in(4) ? 'q' : 0);
+    return b.take();
+}
+
+struct Image {
+    Pattern *p;
+    explicit Image(const Bytes &payload) : p(taz_load_pattern(payload.data(), std::uint32_t(payload.size()))) {}
+    ~Image() { taz_unload_pattern(p); }
+};
+
+/* ---- string lists -------------------------------------------------------------- */
+
+template <class List>
+struct StringFamily {
+    const char *name;
+    std::uint32_t magic;
+    List *Pattern::*lists;
+    UINT32 Pattern::*count;
+    int (*plain)(const unsigned char *, const List *);
+};
+
+template <class List>
+void check_string_family(const StringFamily<List> &f, unsigned seed)
+{
+    for (Layout layout : kLayouts)
+        for (bool runs_on : {false, true}) {
+            Rng r(seed++);
+            const tazw::Order order = tazw::order_for_list_section(f.magic);
+            std::vector<std::vector<std::string>> lists(4);
+            Bytes body;
+            for (std::uint32_t i = 0; i < lists.size(); ++i) {
+                lists[i] = entries(r, layout, order);
+                const Bytes one = tazw::list(i, std::uint32_t(lists[i].size()), string_entries(lists[i], r, runs_on));
+                body.insert(body.end(), one.begin(), one.end());
+            }
+            Image img(tazw::section(f.magic, std::uint32_t(lists.size()), body));
+            ASSERT_NE(img.p, nullptr) << f.name;
+            for (const fast::Options &o : {kEveryList, kTreesOnly}) {
+                ASSERT_EQ(fast::build(img.p, o), 0) << f.name;
+                for (std::uint32_t i = 0; i < lists.size(); ++i) {
+                    const List *l = &(img.p->*f.lists)[i];
+                    ASSERT_NE(fast::find(img.p, l), nullptr) << f.name << " list " << i;
+                    for (const std::string &key : keys_for(r, lists[i]))
+                        ASSERT_EQ(fast::list_search(img.p, l, bytes(key), f.plain), f.plain(bytes(key), l))
+                            << f.name << " list " << i << " key '" << key << "' layout " << int(layout)
+                            << " hash " << o.hash_exact;
+                }
+            }
+        }
+}
+
+TEST(FastPaths, StringListsAnswerAsThePlainSearches)
+{
+    check_string_family<str_list_st>({"exact", magic4("STR"), &Pattern::string_lists, &Pattern::max_string_list_count, str_list_search}, 100);
+    check_string_family<str_prefix_list_st>({"prefix", magic4("PRE"), &Pattern::string_prefix_lists, &Pattern::max_string_prefix_list_count, str_prefix_list_search}, 200);
+    check_string_family<str_suffix_list_st>({"suffix", magic4("SUF"), &Pattern::string_suffix_lists, &Pattern::max_string_suffix_list_count, str_suffix_list_search}, 300);
+    check_string_family<str_substring_list_st>({"substring", magic4("SUB"), &Pattern::string_substring_lists, &Pattern::max_string_substring_list_count, str_substring_list_search}, 400);
+    check_string_family<str_case_list_st>({"case exact", magic4("CASE"), &Pattern::string_case_lists, &Pattern::max_string_case_list_count, str_case_list_search}, 500);
+    check_string_family<str_prefix_case_list_st>({"case prefix", magic4("PRCA"), &Pattern::string_prefix_case_lists, &Pattern::max_string_prefix_case_list_count, str_prefix_case_list_search}, 600);
+    check_string_family<str_suffix_case_list_st>({"case suffix", magic4("SFCA"), &Pattern::string_suffix_case_lists, &Pattern::max_string_suffix_case_list_count, str_suffix_case_list_search}, 700);
+    check_string_family<str_substr_case_list_st>({"case substring", magic4("SUCA"), &Pattern::string_substr_case_lists, &Pattern::max_string_substr_case_list_count, str_substr_case_list_search}, 800);
+}
+
+/* ---- ranges ------------------------------------------------------------------------- */
+
+/* Ranges: sorted and disjoint, or overlapping, inverted and unsorted. */
+template <class B>
+std::vector<std::pair<B, B>> ranges(Rng &r, bool tidy, B (*make)(std::uint64_t))
+{
+    std::vector<std::pair<B, B>> v;
+    std::uint64_t at = r.below(50);
+    for (unsigned i = 0, n = r.below(120); i < n; ++i) {
+        const std::uint64_t lo = tidy ? at + r.below(40) : r.below(4000);
+        const std::uint64_t hi = tidy || !r.one_in(5) ? lo + r.below(30) : lo - r.below(10);
+        v.push_back({make(lo), make(hi)});
+        at = hi + 1;
+    }
+    if (!tidy) std::shuffle(v.begin(), v.end(), r.g);
+    return v;
+}
+
+tazw::IPv6 v6(std::uint64_t x)
+{
+    tazw::IPv6 a{};
+    a[0] = 0x20;
+    for (int i = 0; i < 8; ++i) a[15 - i] = std::uint8_t(x >> (8 * i));
+    return a;
+}
+
+TEST(FastPaths, RangeListsAnswerAsThePlainSearches)
+{
+    for (unsigned seed = 0; seed < 12; ++seed) {
+        Rng r(seed);
+        const bool tidy = seed % 2 == 0;
+        auto v4 = ranges<std::uint32_t>(r, tidy, [](std::uint64_t x) { return std::uint32_t(x * 7); });
+        auto ports = ranges<std::uint16_t>(r, tidy, [](std::uint64_t x) { return std::uint16_t(x); });
+        auto six = ranges<tazw::IPv6>(r, tidy, v6);
+        Image img(tazw::concat({tazw::section(magic4("IP"), 1, tazw::list(0, std::uint32_t(v4.size()), tazw::ip_entries(v4))),
+                                tazw::section(magic4("PORT"), 1, tazw::list(0, std::uint32_t(ports.size()), tazw::port_entries(ports))),
+                                tazw::section(magic4("IPV6"), 1, tazw::list(0, std::uint32_t(six.size()), tazw::ipv6_entries(six)))}));
+        ASSERT_NE(img.p, nullptr);
+        ASSERT_EQ(fast::build(img.p, kEveryList), 0);
+        for (std::uint64_t x = 0; x < 4400; x += 1 + (x % 3)) {
+            const auto ip = std::uint32_t(x * 7 + r.below(3) - 1);
+            EXPECT_EQ(fast::list_search(img.p, img.p->ip_range_lists, ip, ip_rng_list_search),
+                      ip_rng_list_search(ip, img.p->ip_range_lists)) << seed << " ip " << ip;
+            const auto port = std::uint16_t(x);
+            EXPECT_EQ(fast::list_search(img.p, img.p->port_range_lists, port, port_rng_list_search),
+                      port_rng_list_search(port, img.p->port_range_lists)) << seed << " port " << port;
+            const tazw::IPv6 a = v6(x);
+            EXPECT_EQ(fast::list_search(img.p, img.p->ipv6_range_lists, a.data(), ipv6_rng_list_search),
+                      ipv6_rng_list_search(a.data(), img.p->ipv6_range_lists)) << seed << " ipv6 " << x;
+        }
+    }
+}
+
+/* ---- maps ------------------------------------------------------------------------------ */
+
+/* Every map type the searches know, and some they refuse. */
+constexpr int kMapTypes[] = {0, 1, 2, 3, 4, 256, 257, 258, 259, 260, 512, 513, 514, 515, 768, 769, 770, 771, 1024, -1};
+
+/* The plain key search over the whole list and over the narrowed one must
+ * return the same code and the same entry; so must the key-and-value search. */
+template <class List, class Key, class Entry, class Value>
+void check_map(const Pattern *p, const List *l, Key key, int map_type, Value value,
+               int (*by_key)(Key, const List *, int, const Entry **), int (*search)(Key, Value, const List *, int),
+               const std::string &what)
+{
+    List one{};
+    const List *narrowed = fast::narrow(p, l, key, map_type, one);
+    const Entry *want = nullptr, *got = nullptr;
+    const int want_rc = by_key(key, l, map_type, &want);
+    ASSERT_EQ(by_key(key, narrowed, map_type, &got), want_rc) << what;
+    ASSERT_EQ(got, want) << what;
+    ASSERT_EQ(search(key, value, narrowed, map_type), search(key, value, l, map_type)) << what;
+}
+
+TEST(FastPaths, StringKeyedMapsFindTheSameEntries)
+{
+    /* String-to-string maps of every key and value rule, and string-to-integer maps. */
+    for (int map_type : {0, 1, 2, 3, 256, 257, 258, 259, 512, 513, 514, 515, 768, 769, 770, 771})
+        for (Layout layout : kLayouts) {
+            Rng r(unsigned(map_type) * 7 + unsigned(layout));
+            const unsigned key_rule = unsigned(map_type) >> 8;
+            std::vector<std::string> keys = entries(r, layout, tazw::order_for_rule(key_rule));
+            std::vector<tazw::StrStrEntry> ss;
+            std::vector<tazw::StrIntEntry> si;
+            for (const std::string &k : keys) {
+                std::vector<std::string> values = {r.text(4), r.text(4)};
+                tazw::sort_in(tazw::order_for_rule(unsigned(map_type) & 3), values);
+                ss.push_back({k, values});
+                si.push_back({k, {r.below(4), r.below(4)}});
+            }
+            static constexpr char letter[] = "SPXU";
+            const char ss_kind[4] = {letter[key_rule], letter[map_type & 3], 'M', 0};
+            const char si_kind[4] = {letter[key_rule], 'I', 'M', 0};
+            Bytes payload = tazw::section(magic4(ss_kind), 1, tazw::list(0, std::uint32_t(ss.size()), tazw::map_entries(ss)));
+            if ((map_type & 0xFF) == int(key_rule))
+                payload = tazw::concat({payload, tazw::section(tazw::magic4(si_kind), 1,
+                                                               tazw::list(0, std::uint32_t(si.size()), tazw::map_entries(si)))});
+            Image img(payload);
+            ASSERT_NE(img.p, nullptr);
+            ASSERT_EQ(fast::build(img.p, kEveryList), 0);
+            ssmap_list_st *const ss_arrays[] = {
+                img.p->str_str_map_lists, img.p->str_prefix_map_lists, img.p->str_suffix_map_lists, img.p->str_substr_map_lists,
+                img.p->prefix_str_map_lists, img.p->prefix_prefix_map_lists, img.p->prefix_suffix_map_lists, img.p->prefix_substr_map_lists,
+                img.p->suffix_str_map_lists, img.p->suffix_prefix_map_lists, img.p->suffix_suffix_map_lists, img.p->suffix_substr_map_lists,
+                img.p->substr_str_map_lists, img.p->substr_prefix_map_lists, img.p->substr_suffix_map_lists, img.p->substr_substr_map_lists};
+            const ssmap_list_st *ssl = ss_arrays[key_rule * 4 + (unsigned(map_type) & 3)];
+            simap_list_st *const si_arrays[] = {img.p->str_int_map_lists, img.p->prefix_int_map_lists,
+                                                img.p->suffix_int_map_lists, img.p->substr_int_map_lists};
+            const simap_list_st *sil = si_arrays[key_rule];
+            ASSERT_NE(ssl, nullptr);
+            ASSERT_NE(fast::find(img.p, ssl), nullptr);
+            for (const std::string &key : keys_for(r, keys))
+                for (int asked : kMapTypes) {
+                    const std::string what = "map type " + std::to_string(map_type) + " asked " + std::to_string(asked) + " key '" + key + "'";
+                    check_map(img.p, ssl, bytes(key), asked, bytes(ss.empty() ? key : ss[0].values[0]),
+                              ssmap_list_search_by_key, ssmap_list_search, "ssmap " + what);
+                    if (sil != nullptr)
+                        check_map(img.p, sil, bytes(key), asked, 1u, simap_list_search_by_key, simap_list_search,
+                                  "simap " + what);
+                }
+        }
+}
+
+TEST(FastPaths, IntegerAndAddressKeyedMapsFindTheSameEntries)
+{
+    for (unsigned seed = 0; seed < 8; ++seed) {
+        Rng r(seed);
+        std::vector<tazw::IntIntEntry> ii;
+        std::vector<tazw::IntStrEntry> is;
+        std::vector<tazw::IPv6IntEntry> six;
+        for (unsigned i = 0, n = r.below(150); i < n; ++i) {
+            /* Sorted keys, or keys 2^31 apart and unsorted (the difference rule). */
+            const std::uint32_t key = seed % 2 ? r.g() : i * 5 + r.below(4);
+            ii.push_back({key, {r.below(3)}});
+            is.push_back({key, {"a" + r.text(3)}});
+            six.push_back({v6(seed % 2 ? r.below(900) : i * 5), {r.below(3)}});
+        }
+        Image img(tazw::concat({tazw::section(magic4("IIM"), 1, tazw::list(0, std::uint32_t(ii.size()), tazw::map_entries(ii))),
+                                tazw::section(magic4("ISM"), 1, tazw::list(0, std::uint32_t(is.size()), tazw::map_entries(is))),
+                                tazw::section(magic4("I6IM"), 1, tazw::list(0, std::uint32_t(six.size()), tazw::map_entries(six)))}));
+        ASSERT_NE(img.p, nullptr);
+        ASSERT_EQ(fast::build(img.p, kEveryList), 0);
+        for (std::uint32_t x = 0; x < 900; ++x) {
+            const std::uint32_t key = seed % 2 && !ii.empty() && x % 3 == 0 ? ii[x % ii.size()].key + r.below(3) - 1 : x;
+            const std::string what = "seed " + std::to_string(seed) + " key " + std::to_string(key);
+            {
+                iimap_list_st one{};
+                const iimap_st *want = nullptr, *got = nullptr;
+                const iimap_list_st *l = img.p->int_int_map_lists;
+                ASSERT_EQ(iimap_list_search_by_key(key, fast::narrow(img.p, l, key, 0, one), &got),
+                          iimap_list_search_by_key(key, l, &want)) << what;
+                ASSERT_EQ(got, want) << what;
+            }
+            check_map(img.p, img.p->int_str_map_lists, key, int(x % 4 == 3 ? 771 : 0), bytes("a"),
+                      ismap_list_search_by_key, ismap_list_search, "ismap " + what);
+            ipv6imap_list_st one{};
+            const ipv6imap_st *want = nullptr, *got = nullptr;
+            const tazw::IPv6 a = v6(x);
+            const ipv6imap_list_st *l6 = img.p->ipv6_int_map_lists;
+            ASSERT_EQ(ipv6imap_list_search_by_key(a.data(), fast::narrow(img.p, l6, a.data(), 0, one), &got),
+                      ipv6imap_list_search_by_key(a.data(), l6, &want)) << what;
+            ASSERT_EQ(got, want) << what;
+        }
+    }
+}
+
+/* ---- hostile payloads ------------------------------------------------------------------- */
+
+Bytes from_hex(const std::string &hex)
+{
+    Bytes b;
+    for (std::size_t i = 0; i + 1 < hex.size(); i += 2) b.push_back(std::uint8_t(std::stoul(hex.substr(i, 2), nullptr, 16)));
+    return b;
+}
+
+std::size_t heap_in_use() { return mallinfo2().uordblks + mallinfo2().hblkhd; }
+
+TEST(FastPaths, IndexesOfHostilePayloadsStayWithinTheirBudget)
+{
+    /* A substring section whose list headers claim list numbers up to
+     * 0x80000 and whose lists overlap: found by fuzzing, it once made
+     * indexing every list allocate over a gigabyte. */
+    const Bytes overlapping = from_hex(
+        "53554200000000004801000002000000000008001a01000014000000060000007a7ae47777770006000000412f706174"
+        "6800080000007777772f70617468000500000061627a7ae4000f0000007a7ae46576696c2e6578616d706c6500110000"
+        "006576696c2e6578616d706c652f70617468000d000000416576696c2e6578616d706c6500070000006162622e636f6d"
+        "00060000004162647a7ae4000f0000006576696c2e6578616d706c6541626400060000006162637a7ae4000900000078"
+        "2e622e636f6d61620006000000616263616263000300000061624100090000006162782e622e636f6d000c000000622e"
+        "636f6d782e622e636f6d000f0000006162636576696c2e6578616d706c6500080000004162642f70617468000a000000"
+        "782e622e636f6d6162630006000000416264416264000100000016000000030000000200000061620002000000414200"
+        "0300000061626300");
+    Image img(overlapping);
+    ASSERT_NE(img.p, nullptr);
+    taz_fast_release(img.p);
+    const std::size_t before = heap_in_use();
+    fast::build(img.p, kEveryList);
+    const std::size_t grown = heap_in_use() - before;
+    EXPECT_LE(grown, 6 * overlapping.size() + (std::size_t(1) << 20) + 65536);
+    const str_substring_list_st *all = img.p->string_substring_lists;
+    for (UINT32 i = 0; all != nullptr && i < img.p->max_string_substring_list_count && i < 64; ++i)
+        for (const char *k : {"zz\xE4www", "evil.example/path", "ab", ""})
+            ASSERT_EQ(fast::list_search(img.p, &all[i], bytes(k), str_substring_list_search),
+                      str_substring_list_search(bytes(k), &all[i])) << k;
+}
+
+/* ---- through the API --------------------------------------------------------------------- */
+
+TEST(FastPaths, LoadedPatternsSearchThroughTheirIndexes)
+{
+    /* Exact list 0 in comparator order (hashed), exact list 1 out of order
+     * (left to the plain search by default), and a substring list. */
+    std::vector<std::string> names;
+    for (int i = 0; i < 64; ++i) names.push_back("host" + std::to_string(i * 37 % 64) + ".example");
+    std::vector<std::string> sorted = names;
+    tazw::sort_in(tazw::Order::Fold, sorted);
+    const Bytes exact = tazw::concat({tazw::list(0, 64, tazw::string_entries(sorted)), tazw::list(1, 64, tazw::string_entries(names))});
+    const Bytes payload = tazw::concat({
+        tazw::section(magic4("STR"), 2, exact),
+        tazw::section(magic4("SUB"), 1, tazw::list(0, 64, tazw::string_entries(names))),
+    });
+    tazt::Handle h = tazt::load_payload(payload);
+    const taz_pattern_st *p = h->pTAZPattern ? h->pTAZPattern->taz_ptn : nullptr;
+    ASSERT_NE(p, nullptr);
+    ASSERT_NE(p->fast, nullptr);
+    EXPECT_NE(fast::find(p, &p->string_lists[0]), nullptr);
+    EXPECT_EQ(fast::find(p, &p->string_lists[1]), nullptr);
+    EXPECT_NE(fast::find(p, &p->string_substring_lists[0]), nullptr);
+    for (const std::string &k : {std::string("host5.example"), std::string("HOST18.EXAMPLE"), std::string("x.host7.examplez"),
+                                 std::string("host64.example"), std::string("")}) {
+        for (int list : {0, 1})
+            EXPECT_EQ(TAZE_PatternSearchStringList(h.get(), list, k.c_str(), PT_TAZ),
+                      str_list_search(bytes(k), &p->string_lists[list])) << k << " list " << list;
+        EXPECT_EQ(TAZE_PatternSearchSubstringList(h.get(), 0, k.c_str(), PT_TAZ),
+                  str_substring_list_search(bytes(k), &p->string_substring_lists[0])) << k;
+    }
+}
+
+} // namespace

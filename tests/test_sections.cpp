@@ -1,0 +1,461 @@
+/* The section stream and the list, range and map sections: payloads built by
+ * the writer (malformed ones with LeBuf) go through the loaders of both
+ * pattern kinds; the images are checked field by field. */
+#include <cstring>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "taze_impl.h"
+#include "test_support.h"
+
+namespace {
+
+using namespace tazw;
+using Image = taz_pattern_st;
+using ImagePtr = std::unique_ptr<Image, void (*)(Image *)>;
+
+ImagePtr load(const Bytes &payload, bool second = false)
+{
+    static const unsigned char none = 0;
+    const unsigned char *buf = payload.empty() ? &none : payload.data();
+    const auto len = UINT32(payload.size());
+    return second ? ImagePtr(ulm_load_pattern(buf, len), ulm_unload_pattern)
+                  : ImagePtr(taz_load_pattern(buf, len), taz_unload_pattern);
+}
+
+/* Loads with the error and warning bits set; returns what was printed. */
+std::string load_printing(const Bytes &payload, ImagePtr &out, bool second = false)
+{
+    tazt::DebugMask mask(VKDEBUG_ERR | VKDEBUG_WARN);
+    tazt::StdoutCapture cap;
+    out = load(payload, second);
+    return cap.finish();
+}
+
+std::string text(const counted_string_t &s) { return {reinterpret_cast<const char *>(s.ptr), s.len}; }
+std::string text(const unsigned char *s) { return s ? reinterpret_cast<const char *>(s) : "<null>"; }
+
+std::vector<std::string> texts(const counted_string_t *s, UINT32 n)
+{
+    std::vector<std::string> v;
+    for (UINT32 i = 0; i < n; ++i) {
+        EXPECT_EQ(s[i].ptr[s[i].len], 0) << "string " << i << " is not NUL-terminated";
+        v.push_back(text(s[i]));
+    }
+    return v;
+}
+
+Bytes strs(std::uint32_t number, const std::vector<std::string> &v)
+{
+    return list(number, std::uint32_t(v.size()), string_entries(v));
+}
+/* A list header written as given, then the entries. */
+Bytes raw_list(std::uint32_t number, std::uint32_t size, std::uint32_t count, LeBuf entries)
+{
+    return concat({LeBuf().u32(number).u32(size).u32(count).take(), entries.take()});
+}
+Bytes str_section(std::uint32_t count, const Bytes &body) { return section(MAGIC_TAZE_PATTERN_STR, count, body); }
+template <typename Entry>
+Bytes map_section(UINT32 magic, const std::vector<Entry> &e)
+{
+    return section(magic, 1, list(0, std::uint32_t(e.size()), map_entries(e)));
+}
+
+const IPv6 kA{0x20, 0x01, 0x0d, 0xb8}, kB{0xfe, 0x80, 15, 14, 13, 12, 11, 10, 9, 8, 7, 6, 5, 4, 3, 2};
+
+/* ---- Every section kind, and which pattern kinds accept it ------------------ */
+enum class Body { Strings, Ip, Ipv6, Port, StrInt, StrIpv6, IntInt, Ipv6Int, IntStr, StrStr };
+
+Bytes one_entry(Body b)
+{
+    switch (b) {
+    case Body::Strings: return string_entries({"alpha"});
+    case Body::Ip: return ip_entries({{1, 2}});
+    case Body::Ipv6: return ipv6_entries({{kA, kB}});
+    case Body::Port: return port_entries({{80, 81}});
+    case Body::StrInt: return map_entries(std::vector<tazw::StrIntEntry>{{"k", {1}}});
+    case Body::StrIpv6: return map_entries(std::vector<StrIPv6Entry>{{"k", {kA}}});
+    case Body::IntInt: return map_entries(std::vector<tazw::IntIntEntry>{{1, {1}}});
+    case Body::Ipv6Int: return map_entries(std::vector<IPv6IntEntry>{{kA, {1}}});
+    case Body::IntStr: return map_entries(std::vector<tazw::IntStrEntry>{{1, {"v"}}});
+    case Body::StrStr: return map_entries(std::vector<tazw::StrStrEntry>{{"k", {"v"}}});
+    }
+    return {};
+}
+
+/* Entries of list i: every list record starts with its u32 entry count. */
+template <auto Lists>
+UINT32 entries_of(const Image &p, UINT32 i)
+{
+    UINT32 n;
+    std::memcpy(&n, &(p.*Lists)[i], sizeof n);
+    return n;
+}
+
+struct KindRow {
+    UINT32 magic;
+    UINT32 Image::*count;
+    UINT32 (*entries)(const Image &, UINT32);
+    Body body;
+    bool second_kind;
+};
+#define ROW(magic, stem, body, second) \
+    { magic, &Image::max_##stem##_list_count, entries_of<&Image::stem##_lists>, Body::body, second }
+const KindRow kKinds[] = {
+    ROW(MAGIC_TAZE_PATTERN_STR, string, Strings, true),
+    ROW(MAGIC_TAZE_PATTERN_STR_PREFIX, string_prefix, Strings, true),
+    ROW(MAGIC_TAZE_PATTERN_STR_SUFFIX, string_suffix, Strings, true),
+    ROW(MAGIC_TAZE_PATTERN_STR_SUBSTR, string_substring, Strings, true),
+    ROW(MAGIC_TAZE_PATTERN_STR_CASE, string_case, Strings, true),
+    ROW(MAGIC_TAZE_PATTERN_STR_PREFIX_CASE, string_prefix_case, Strings, false),
+    ROW(MAGIC_TAZE_PATTERN_STR_SUFFIX_CASE, string_suffix_case, Strings, false),
+    ROW(MAGIC_TAZE_PATTERN_STR_SUBSTR_CASE, string_substr_case, Strings, false),
+    ROW(MAGIC_TAZE_PATTERN_IP, ip_range, Ip, true),
+    ROW(MAGIC_TAZE_PATTERN_IPV6, ipv6_range, Ipv6, true),
+    ROW(MAGIC_TAZE_PATTERN_PORT, port_range, Port, true),
+    ROW(MAGIC_TAZE_PATTERN_STR_INT_MAP, str_int_map, StrInt, true),
+    ROW(MAGIC_TAZE_PATTERN_PREFIX_INT_MAP, prefix_int_map, StrInt, true),
+    ROW(MAGIC_TAZE_PATTERN_SUFFIX_INT_MAP, suffix_int_map, StrInt, true),
+    ROW(MAGIC_TAZE_PATTERN_SUBSTR_INT_MAP, substr_int_map, StrInt, true),
+    ROW(MAGIC_TAZE_PATTERN_INT_INT_MAP, int_int_map, IntInt, true),
+    ROW(MAGIC_TAZE_PATTERN_INT_STR_MAP, int_str_map, IntStr, true),
+    ROW(MAGIC_TAZE_PATTERN_INT_PREFIX_MAP, int_prefix_map, IntStr, true),
+    ROW(MAGIC_TAZE_PATTERN_INT_SUFFIX_MAP, int_suffix_map, IntStr, true),
+    ROW(MAGIC_TAZE_PATTERN_INT_SUBSTR_MAP, int_substr_map, IntStr, true),
+    ROW(MAGIC_TAZE_PATTERN_STR_STR_MAP, str_str_map, StrStr, true),
+    ROW(MAGIC_TAZE_PATTERN_STR_PREFIX_MAP, str_prefix_map, StrStr, true),
+    ROW(MAGIC_TAZE_PATTERN_STR_SUFFIX_MAP, str_suffix_map, StrStr, true),
+    ROW(MAGIC_TAZE_PATTERN_STR_SUBSTR_MAP, str_substr_map, StrStr, true),
+    ROW(MAGIC_TAZE_PATTERN_PREFIX_STR_MAP, prefix_str_map, StrStr, true),
+    ROW(MAGIC_TAZE_PATTERN_PREFIX_PREFIX_MAP, prefix_prefix_map, StrStr, true),
+    ROW(MAGIC_TAZE_PATTERN_PREFIX_SUFFIX_MAP, prefix_suffix_map, StrStr, true),
+    ROW(MAGIC_TAZE_PATTERN_PREFIX_SUBSTR_MAP, prefix_substr_map, StrStr, true),
+    ROW(MAGIC_TAZE_PATTERN_SUFFIX_STR_MAP, suffix_str_map, StrStr, true),
+    ROW(MAGIC_TAZE_PATTERN_SUFFIX_PREFIX_MAP, suffix_prefix_map, StrStr, true),
+    ROW(MAGIC_TAZE_PATTERN_SUFFIX_SUFFIX_MAP, suffix_suffix_map, StrStr, true),
+    ROW(MAGIC_TAZE_PATTERN_SUFFIX_SUBSTR_MAP, suffix_substr_map, StrStr, true),
+    ROW(MAGIC_TAZE_PATTERN_SUBSTR_STR_MAP, substr_str_map, StrStr, true),
+    ROW(MAGIC_TAZE_PATTERN_SUBSTR_PREFIX_MAP, substr_prefix_map, StrStr, true),
+    ROW(MAGIC_TAZE_PATTERN_SUBSTR_SUFFIX_MAP, substr_suffix_map, StrStr, true),
+    ROW(MAGIC_TAZE_PATTERN_SUBSTR_SUBSTR_MAP, substr_substr_map, StrStr, true),
+    ROW(MAGIC_TAZE_PATTERN_STR_IPV6_MAP, string_ipv6_map, StrIpv6, true),
+    ROW(MAGIC_TAZE_PATTERN_PREFIX_IPV6_MAP, prefix_ipv6_map, StrIpv6, true),
+    ROW(MAGIC_TAZE_PATTERN_SUFFIX_IPV6_MAP, suffix_ipv6_map, StrIpv6, true),
+    ROW(MAGIC_TAZE_PATTERN_SUBSTR_IPV6_MAP, substr_ipv6_map, StrIpv6, true),
+    ROW(MAGIC_TAZE_PATTERN_IPV6_INT_MAP, ipv6_int_map, Ipv6Int, true),
+};
+#undef ROW
+
+std::string magic_text(UINT32 m)
+{
+    std::string s;
+    for (int i = 0; i < 4; ++i) s += char(m >> (8 * i)) ? std::string(1, char(m >> (8 * i))) : "\\0";
+    return s;
+}
+
+TEST(SectionKinds, EachKindFillsOnlyItsOwnFieldWhereItsPatternKindAcceptsIt)
+{
+    for (const KindRow &row : kKinds)
+        for (bool second : {false, true}) {
+            SCOPED_TRACE(magic_text(row.magic) + (second ? " (second kind)" : " (main kind)"));
+            ImagePtr img = load(section(row.magic, 1, list(2, 1, one_entry(row.body))), second);
+            ASSERT_TRUE(img);
+            const bool accepted = !second || row.second_kind;
+            for (const KindRow &other : kKinds)
+                EXPECT_EQ(img.get()->*other.count, &other == &row && accepted ? 3u : 0u) << magic_text(other.magic);
+            if (accepted) {
+                EXPECT_EQ(row.entries(*img, 2), 1u);
+                EXPECT_EQ(row.entries(*img, 0), 0u);
+            }
+            EXPECT_EQ(img->fast, nullptr);
+        }
+}
+
+TEST(SectionWalk, PayloadsShorterThanOneSectionHeaderLoadEmpty)
+{
+    const Bytes header = str_section(1, strs(0, {"a"}));
+    for (long n = 0; n < 16; ++n) {
+        ImagePtr img = load(Bytes(header.begin(), header.begin() + n));
+        ASSERT_TRUE(img) << n;
+        for (const KindRow &k : kKinds) EXPECT_EQ(img.get()->*k.count, 0u) << magic_text(k.magic);
+    }
+}
+
+/* Section walk and string lists, through "STR\0" sections. */
+TEST(SectionWalk, SectionsListNumbersAndStrings)
+{
+    const Bytes one = strs(0, {"ab"});
+    const Bytes junk(24, 0xEE);
+    const struct {
+        const char *name;
+        Bytes payload;
+        bool loads;
+        std::vector<std::vector<std::string>> lists; /* strings per list number */
+        std::string printed;
+    } cases[] = {
+        {"section reaching exactly to the end", str_section(1, one), true, {{"ab"}}, ""},
+        {"1 stray byte", concat({str_section(1, one), Bytes(1, 0xEE)}), true, {{"ab"}}, ""},
+        {"15 stray bytes", concat({str_section(1, one), Bytes(15, 0xEE)}), true, {{"ab"}}, ""},
+        {"one byte past the end", section(MAGIC_TAZE_PATTERN_STR, 1, one, 0, 20), false, {},
+         "Error! i+shdr.size=36 > ptn_len=35\n"},
+        {"size beyond 32 bits", section(MAGIC_TAZE_PATTERN_STR, 1, one, 0, 0xFFFFFFF0u), false, {},
+         "Error! i+shdr.size=4294967295 > ptn_len=35\n"},
+        {"unknown kinds skipped",
+         concat({section(MAGIC_TAZE_PATTERN_ULM_INFO, 1, junk), section(MAGIC_TAZE_PATTERN_COMPILER_VER, 1, junk),
+                 section(0x5A5A5A5A, 7, junk), str_section(1, one)}),
+         true, {{"ab"}}, ""},
+        {"crc never checked", section(MAGIC_TAZE_PATTERN_STR, 1, one, 0xDEADBEEF), true, {{"ab"}}, ""},
+        {"section count 0 with a non-zero size", str_section(0, junk), true, {}, ""},
+        {"list 0xFFFFFFFF ignored", str_section(2, concat({strs(0xFFFFFFFF, {"x"}), strs(1, {"y"})})), true,
+         {{}, {"y"}}, ""},
+        {"lists 5 and 2", str_section(2, concat({strs(5, {"5"}), strs(2, {"2"})})), true,
+         {{}, {}, {"2"}, {}, {}, {"5"}}, ""},
+        {"second section replaces the first",
+         concat({str_section(1, strs(3, {"old"})), str_section(1, strs(1, {"new"}))}),
+         true, {{}, {"new"}}, ""},
+        {"list number given twice", str_section(2, concat({strs(1, {"a"}), strs(1, {"b", "c"})})), true,
+         {{}, {"b", "c"}}, ""},
+        {"text ending at the section end, no room for its NUL",
+         str_section(1, raw_list(0, 7, 1, LeBuf().u32(3).raw("abc", 3))), true, {{"abc"}}, ""},
+        {"3 strings declared, 2 present", str_section(1, list(0, 3, string_entries({"a", "b"}))), false, {}, ""},
+        {"list count 0: next list found through the size",
+         str_section(2, concat({list(0, 0, Bytes(5, 0xEE)), strs(1, {"x"})})),
+         true, {{}, {"x"}}, ""},
+        {"empty string", str_section(1, strs(0, {"", "b"})), true, {{"", "b"}}, ""},
+        {"string past its list's own size", str_section(1, list(0, 1, string_entries({"abcdef"}), 0)), true,
+         {{"abcdef"}}, ""},
+        {"text past the section", str_section(1, raw_list(0, 8, 1, LeBuf().u32(5).raw("abcd", 4))), false, {}, ""},
+        {"length field cut short", str_section(1, raw_list(0, 6, 2, LeBuf().u32(0).u8(0).u8(0))), false, {}, ""},
+    };
+    for (const auto &c : cases) {
+        SCOPED_TRACE(c.name);
+        ImagePtr img(nullptr, taz_unload_pattern);
+        EXPECT_EQ(load_printing(c.payload, img), c.printed);
+        ASSERT_EQ(bool(img), c.loads);
+        if (!img) continue;
+        ASSERT_EQ(img->max_string_list_count, c.lists.size());
+        ASSERT_NE(img->string_lists, nullptr);
+        for (UINT32 i = 0; i < c.lists.size(); ++i) {
+            const str_list_st &l = img->string_lists[i];
+            EXPECT_EQ(texts(l.strings, l.nr_strings), c.lists[i]) << "list " << i;
+            EXPECT_EQ(l.strings == nullptr, l.nr_strings == 0) << "list " << i;
+        }
+    }
+    tazt::StdoutCapture cap;
+    EXPECT_FALSE(load(section(MAGIC_TAZE_PATTERN_STR, 1, one, 0, 20)));
+    EXPECT_EQ(cap.finish(), "") << "the overrun message needs the error bit";
+}
+
+TEST(RangeLists, EntriesAreCopied)
+{
+    ImagePtr img = load(concat({
+        section(MAGIC_TAZE_PATTERN_IP, 1, list(0, 1, ip_entries({{0x01020304, 0x0A0B0C0D}}))),
+        section(MAGIC_TAZE_PATTERN_IPV6, 1, list(1, 1, ipv6_entries({{kA, kA}}))),
+        /* a list size larger than its entries: the next list follows the size */
+        section(MAGIC_TAZE_PATTERN_PORT, 2,
+                concat({list(0, 1, concat({port_entries({{0, 65535}}), Bytes(6, 0xEE)})),
+                        list(1, 1, port_entries({{80, 80}}))})),
+    }));
+    ASSERT_TRUE(img);
+    EXPECT_EQ(img->ip_range_lists[0].ip_ranges[0].ip_l, 0x01020304u);
+    EXPECT_EQ(img->ip_range_lists[0].ip_ranges[0].ip_h, 0x0A0B0C0Du);
+    ASSERT_EQ(img->ipv6_range_lists[1].nr_ipv6_ranges, 1u);
+    EXPECT_EQ(0, std::memcmp(img->ipv6_range_lists[1].ipv6_ranges[0].ipv6_l.bytes, kA.data(), 16));
+    EXPECT_EQ(0, std::memcmp(img->ipv6_range_lists[1].ipv6_ranges[0].ipv6_h.bytes, kA.data(), 16));
+    ASSERT_EQ(img->max_port_range_list_count, 2u);
+    EXPECT_EQ(img->port_range_lists[0].port_ranges[0].port_l, 0);
+    EXPECT_EQ(img->port_range_lists[0].port_ranges[0].port_h, 65535);
+    EXPECT_EQ(img->port_range_lists[1].port_ranges[0].port_l, 80);
+}
+
+TEST(MapLists, EveryLayoutDecodes)
+{
+    const std::vector<tazw::StrIntEntry> si{{"alpha", {1, 2, 3}}, {"beta", {}}};
+    ImagePtr img = load(concat({
+        map_section(MAGIC_TAZE_PATTERN_STR_INT_MAP, si),
+        map_section(MAGIC_TAZE_PATTERN_PREFIX_INT_MAP, si),
+        map_section(MAGIC_TAZE_PATTERN_STR_IPV6_MAP, std::vector<StrIPv6Entry>{{"k", {kA, kB}}}),
+        map_section(MAGIC_TAZE_PATTERN_INT_INT_MAP, std::vector<tazw::IntIntEntry>{{5, {7}}}),
+        map_section(MAGIC_TAZE_PATTERN_IPV6_INT_MAP, std::vector<IPv6IntEntry>{{kB, {9, 10}}}),
+        /* nr 0: the next entry's key follows the count directly */
+        map_section(MAGIC_TAZE_PATTERN_INT_STR_MAP, std::vector<tazw::IntStrEntry>{{7, {}}, {9, {"v"}}}),
+        map_section(MAGIC_TAZE_PATTERN_SUBSTR_SUFFIX_MAP, std::vector<tazw::StrStrEntry>{{"key", {"v1", "v2"}}}),
+    }));
+    ASSERT_TRUE(img);
+    /* "PIM\0" and "SIM\0" hold the same layout; only the lookups differ */
+    for (const simap_list_st *l : {&img->str_int_map_lists[0], &img->prefix_int_map_lists[0]}) {
+        ASSERT_EQ(l->nr_str_int_maps, 2u);
+        EXPECT_EQ(text(l->str_int_maps[0].string) + text(l->str_int_maps[1].string), "alphabeta");
+        const UINT32 *ints = l->str_int_maps[0].ints;
+        EXPECT_EQ(std::vector<UINT32>(ints, ints + 3), (std::vector<UINT32>{1, 2, 3}));
+        EXPECT_EQ(l->str_int_maps[1].nr_ints, 0u);
+    }
+    const sipv6map_st &s6 = img->string_ipv6_map_lists[0].str_ipv6_maps[0];
+    ASSERT_EQ(s6.nr_ipv6s, 2u);
+    EXPECT_EQ(0, std::memcmp(s6.ipv6s[1].bytes, kB.data(), 16));
+    const iimap_st &ii = img->int_int_map_lists[0].int_int_maps[0];
+    EXPECT_EQ(ii.key * 10 + ii.ints[0], 57u);
+    const ipv6imap_st &i6 = img->ipv6_int_map_lists[0].ipv6_int_maps[0];
+    EXPECT_EQ(0, std::memcmp(i6.ipv6.bytes, kB.data(), 16));
+    EXPECT_EQ(i6.ints[1], 10u);
+    const ismap_list_st &is = img->int_str_map_lists[0];
+    ASSERT_EQ(is.nr_int_str_maps, 2u);
+    EXPECT_EQ(is.int_str_maps[0].nr_strings, 0u);
+    EXPECT_NE(is.int_str_maps[0].strs, nullptr) << "a value array of zero elements";
+    EXPECT_EQ(is.int_str_maps[1].key, 9u);
+    EXPECT_EQ(texts(is.int_str_maps[1].strs, 1), (std::vector<std::string>{"v"}));
+    const ssmap_st &ss = img->substr_suffix_map_lists[0].str_str_maps[0];
+    EXPECT_EQ(text(ss.string), "key");
+    EXPECT_EQ(texts(ss.strs, ss.nr_strings), (std::vector<std::string>{"v1", "v2"}));
+}
+
+/* A string-to-IPv6 entry whose section holds 16 bytes after its count. */
+Bytes ipv6_map_entry(std::uint32_t nr)
+{
+    const Bytes entry = LeBuf().str("k").u32(nr).raw(Bytes(16, 0xAB)).take();
+    return section(MAGIC_TAZE_PATTERN_STR_IPV6_MAP, 1, list(0, 1, entry));
+}
+const Bytes kAfter = section(0x5A5A5A5A, 0, Bytes(32, 0x77)); /* 48 more payload bytes */
+
+TEST(MapLists, Ipv6ValuesAreCheckedFourBytesEachAgainstTheSection)
+{
+    ImagePtr img = load(concat({ipv6_map_entry(4), kAfter}));
+    ASSERT_TRUE(img);
+    const sipv6map_st &m = img->string_ipv6_map_lists[0].str_ipv6_maps[0];
+    ASSERT_EQ(m.nr_ipv6s, 4u);
+    EXPECT_EQ(m.ipv6s[0].bytes[15], 0xAB);
+    EXPECT_EQ(0, std::memcmp(m.ipv6s[1].bytes, kAfter.data(), 16)) << "copied from the bytes that follow";
+    EXPECT_EQ(m.ipv6s[3].bytes[15], 0x77);
+}
+
+TEST(SecondKind, NameSection)
+{
+    auto names = [](std::uint32_t count, std::initializer_list<Bytes> lists) {
+        return section(MAGIC_TAZE_PATTERN_ULM_INFO, count, concat(lists));
+    };
+    auto name = [](const std::string &s, UINT32 magic = MAGIC_TAZE_PATTERN_ULM_INFO, UINT32 n = 1) {
+        return list(magic, n, LeBuf().str(s).take());
+    };
+    const Bytes two = names(2, {name("first"), name("second")});
+    ImagePtr img(nullptr, ulm_unload_pattern);
+    EXPECT_EQ(load_printing(two, img, true), "");
+    ASSERT_TRUE(img);
+    EXPECT_EQ(text(img->ulm_info.malname), "second");
+    EXPECT_EQ(text(load(names(1, {name("")}), true)->ulm_info.malname), "");
+    EXPECT_EQ(load(str_section(1, strs(0, {"a"})), true)->ulm_info.malname, nullptr);
+    EXPECT_EQ(load(two)->ulm_info.malname, nullptr) << "the main kind skips the name section";
+
+    const Bytes odd = names(3, {name("x", 0x44434241), name("y", 0x45454545, 0), name("z")});
+    EXPECT_EQ(load_printing(odd, img, true), "BUG: Un-recognized pattern info pattern header magic: 44434241");
+    ASSERT_TRUE(img);
+    EXPECT_EQ(text(img->ulm_info.malname), "z");
+    EXPECT_FALSE(load(names(1, {list(MAGIC_TAZE_PATTERN_ULM_INFO, 1, LeBuf().u32(9).take())}), true));
+}
+
+/* Port lists numbered 0..k-1, each of size 0 and n entries that overlap the
+ * later headers and a shared tail: k * n entries from 12k + 4n bytes. */
+Bytes overlapping_port_lists(std::uint32_t k, std::uint32_t n)
+{
+    LeBuf b;
+    for (std::uint32_t i = 0; i < k; ++i) b.u32(i).u32(0).u32(n);
+    return section(MAGIC_TAZE_PATTERN_PORT, k, b.raw(Bytes(4 * std::size_t(n), 0x11)).take());
+}
+
+TEST(Hostile, MalformedSectionsFailCleanly)
+{
+    const std::uint32_t cap = (1u << 20) + 34; /* list-record cap of a 34-byte payload */
+    auto entry = [](UINT32 magic, LeBuf e) { return section(magic, 1, list(0, 1, e.take())); };
+    const UINT32 INT_INT = MAGIC_TAZE_PATTERN_INT_INT_MAP, STR_STR = MAGIC_TAZE_PATTERN_STR_STR_MAP,
+                 STR_IPV6 = MAGIC_TAZE_PATTERN_STR_IPV6_MAP;
+    const struct {
+        const char *name;
+        Bytes payload;
+        bool loads;
+    } cases[] = {
+        {"list size past 32 bits", str_section(1, raw_list(0, 0xFFFFFFF8u, 1, LeBuf().str("a"))), false},
+        {"string length 0xFFFFFFFF", str_section(1, raw_list(0, 8, 1, LeBuf().u32(0xFFFFFFFFu).u32(0))), false},
+        {"huge string count", str_section(1, list(0, 0xFFFFFFFFu, string_entries({"a"}))), false},
+        {"huge list count", str_section(0xFFFFFFFFu, strs(0, {"a"})), false},
+        {"huge list number", str_section(1, strs(0xFFFFFFFEu, {"a"})), false},
+        {"list number at the record cap", str_section(1, strs(cap - 1, {"a"})), true},
+        {"list number past the record cap", str_section(1, strs(cap, {"a"})), false},
+        {"overlapping lists within the entry budget", overlapping_port_lists(10, 3000), true},
+        {"overlapping lists beyond the entry budget", overlapping_port_lists(1000, 3000), false},
+        {"IPv4 list of 3 holding 2 1/2 entries", section(MAGIC_TAZE_PATTERN_IP, 1, list(0, 3, Bytes(20, 1))), false},
+        {"IPv6 range cut short", section(MAGIC_TAZE_PATTERN_IPV6, 1, list(0, 1, Bytes(31, 1))), false},
+        {"huge integer value count", entry(INT_INT, LeBuf().u32(1).u32(0xFFFFFFFFu).u32(5)), false},
+        {"huge string value count", entry(STR_STR, LeBuf().str("k").u32(0x40000000u).str("v")), false},
+        {"IPv6 values 4 x nr past 32 bits", entry(STR_IPV6, LeBuf().str("k").u32(0x40000000u)), false},
+        {"5 IPv6 values need 20 bytes in the section", concat({ipv6_map_entry(5), kAfter}), false},
+        {"IPv6 values leaving the payload", ipv6_map_entry(4), false},
+        {"key whose NUL ends the section", concat({entry(STR_STR, LeBuf().str("key")), kAfter}), false},
+        {"string value without room for its NUL",
+         concat({entry(STR_STR, LeBuf().str("key").u32(1).u32(2).raw("vv", 2)), kAfter}), false},
+        {"integer value past the section", concat({entry(INT_INT, LeBuf().u32(1).u32(2).u32(5)), kAfter}), false},
+        {"IPv6 key cut short", entry(MAGIC_TAZE_PATTERN_IPV6_INT_MAP, LeBuf().raw(Bytes(15, 1))), false},
+    };
+    for (const auto &c : cases) EXPECT_EQ(bool(load(c.payload)), c.loads) << c.name;
+}
+
+TEST(Hostile, ReleasersLeaveRecordsEmpty)
+{
+    /* list 0 loads, list 1 is cut short: the whole family is left empty */
+    const Bytes kv = map_entries(std::vector<tazw::StrStrEntry>{{"k", {"v"}}});
+    const Bytes body = concat({list(0, 1, kv), list(1, 2, kv)});
+    ssmap_list_st recs[2] = {};
+    EXPECT_EQ(taz_load_str_str_map_ptns(recs, body.data(), UINT32(body.size()), 2, 2), -1);
+    for (const ssmap_list_st &r : recs) EXPECT_TRUE(r.nr_str_str_maps == 0 && r.str_str_maps == nullptr);
+    EXPECT_EQ(taz_load_str_str_map_ptns(recs, body.data(), UINT32(body.size()), 1, 2), 0);
+    taz_unload_str_str_map_ptns(recs, 0);
+    EXPECT_EQ(recs[0].nr_str_str_maps, 1u) << "limit 0 releases nothing";
+    taz_unload_str_str_map_ptns(recs, 2);
+    taz_unload_str_str_map_ptns(recs, 2);
+    EXPECT_TRUE(recs[0].nr_str_str_maps == 0 && recs[0].str_str_maps == nullptr);
+
+    EXPECT_EQ(taz_load_str_str_map_ptns(recs, body.data(), UINT32(body.size()), 1, -1), 0);
+    EXPECT_EQ(recs[0].nr_str_str_maps, 0u) << "no records: every list skipped";
+    taz_unload_string_ptns(nullptr, 1);
+}
+
+/* A death-test pattern matching the text literally. */
+[[maybe_unused]] std::string literally(const std::string &text)
+{
+    std::string re;
+    for (char c : text) re += std::strchr("()*.[]{}+?|^$\\", c) ? std::string("\\") + c : std::string(1, c);
+    return re;
+}
+
+/* Deliberate assertions in Debug builds; a clean failure without them. */
+TEST(Preconditions, EmptyListSectionAndAbsentPayload)
+{
+    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    const struct {
+        UINT32 magic;
+        const char *text;
+        bool second;
+    } cases[] = {
+        {MAGIC_TAZE_PATTERN_STR, "ptn && ptn_buf && ptn_len>0", false},
+        {MAGIC_TAZE_PATTERN_IPV6, "ptn && ptn_buf && ptn_len > 0", false},
+        {MAGIC_TAZE_PATTERN_PREFIX_INT_MAP, "plist && ptn_buf && ptn_len>0", false},
+        {MAGIC_TAZE_PATTERN_STR_IPV6_MAP, "plist && ptn_buf && ptn_len > 0", false},
+        {MAGIC_TAZE_PATTERN_IPV6_INT_MAP, "ptn && ptn_buf && ptn_len > 0", false},
+        {MAGIC_TAZE_PATTERN_ULM_INFO, "ptn && ptn_buf && ptn_len>0", true},
+    };
+    for (const auto &c : cases) {
+        SCOPED_TRACE(magic_text(c.magic));
+#ifdef NDEBUG
+        EXPECT_FALSE(load(section(c.magic, 1, {}), c.second));
+#else
+        EXPECT_DEATH(load(section(c.magic, 1, {}), c.second), literally(std::string("`") + c.text + "'"));
+#endif
+    }
+#ifdef NDEBUG
+    EXPECT_EQ(taz_load_pattern(nullptr, 4), nullptr);
+    EXPECT_EQ(ulm_load_pattern(nullptr, 4), nullptr);
+#else
+    EXPECT_DEATH(taz_load_pattern(nullptr, 4), literally("`buf!=((void *)0)'"));
+#endif
+}
+
+} // namespace

@@ -1,0 +1,471 @@
+/* Many threads query one handle at once while another thread reloads it.
+ *
+ * The pattern directory holds two versions of one pattern (every section
+ * kind of both pattern kinds, and a raw sub-pattern); the writer publishes
+ * and withdraws the newer file by rename and reloads. Readers run a table
+ * of queries that covers every kind of query of the C interface and
+ * compare each answer with the one it gave before the threads started;
+ * both versions answer alike, except for their version text.
+ *
+ * Two hosts are modelled: a C host that serialises TAZE_ReloadPatternDir
+ * against its queries with a read-write lock, and a C++ host that uses
+ * taze::reloading_handle, whose readers take no lock at all. Iterations are
+ * bounded; the ThreadSanitizer build (scripts/hardening.sh) checks that
+ * nothing races. */
+#include <atomic>
+#include <cstdio>
+#include <cstdlib>
+#include <functional>
+#include <mutex>
+#include <shared_mutex>
+#include <string>
+#include <thread>
+#include <tuple>
+#include <vector>
+
+#include "../fuzz/samples.h"
+#include "taze.hpp"
+#include "test_support.h"
+
+namespace {
+
+using tazw::Bytes;
+
+constexpr int kReaders = 4;
+constexpr int kRounds = 30;  /* query table passes per reader, at least */
+constexpr int kMaxRounds = 5000; /* and at most, whatever the writer does */
+constexpr int kReloads = 12; /* reloads by the writer */
+constexpr std::uint32_t kOlder = 0x1230004Du, kNewer = 0x1230004Eu;
+const char kPrefix[] = "p";
+
+/* ---- the query table ------------------------------------------------------------ */
+
+/* One query and its answer as text (copies the library made are freed). */
+struct Probe {
+    std::string name;
+    std::function<std::string(TAZE *)> ask;
+};
+
+std::string text_of(const unsigned char *s, std::uint32_t len) { return std::string(reinterpret_cast<const char *>(s), len); }
+std::string text_of(const char *s) { return s ? s : "<null>"; }
+
+std::string take(char *s)
+{
+    std::string t = text_of(s);
+    std::free(s);
+    return t;
+}
+
+/* The outputs of one kind of getter, and their text. A getter is called
+ * with the probe's keys followed by a pointer to each output. */
+struct Number {
+    unsigned v = 0;
+    auto outputs() { return std::make_tuple(&v); }
+    std::string text() const { return std::to_string(v); }
+};
+struct Text {
+    char *s = nullptr;
+    auto outputs() { return std::make_tuple(&s); }
+    std::string text() { return take(s); }
+};
+struct Clean {
+    unsigned priority = 0;
+    char *src = nullptr, *dst = nullptr;
+    auto outputs() { return std::make_tuple(&priority, &src, &dst); }
+    std::string text() { return std::to_string(priority) + " " + take(src) + " " + take(dst); }
+};
+struct Risk {
+    unsigned policy = 0, severity = 0;
+    auto outputs() { return std::make_tuple(&policy, &severity); }
+    std::string text() const { return std::to_string(policy) + "/" + std::to_string(severity); }
+};
+
+/* Map records: the key, the value count and the first value. */
+std::string describe(const TAZE_CountedString &s) { return s.ptr ? text_of(s.ptr, s.len) : "<none>"; }
+std::string describe(std::uint32_t v) { return std::to_string(v); }
+std::string describe(const TAZE_IPv6 &a) { return std::to_string(a.bytes[0]) + "." + std::to_string(a.bytes[15]); }
+template <typename K, typename V>
+std::string describe(const K &key, std::uint32_t n, const V *values)
+{
+    return describe(key) + " #" + std::to_string(n) + (n && values ? " " + describe(values[0]) : "");
+}
+std::string describe(const TAZE_StringIntMap &m) { return describe(m.string, m.nr_ints, m.ints); }
+std::string describe(const TAZE_StringIPv6Map &m) { return describe(m.string, m.nr_ipv6s, m.ipv6s); }
+std::string describe(const TAZE_IPv6IntMap &m) { return describe(m.ipv6, m.nr_ints, m.ints); }
+std::string describe(const TAZE_IntIntMap &m) { return describe(m.integer, m.nr_ints, m.ints); }
+std::string describe(const TAZE_IntStringMap &m) { return describe(m.integer, m.nr_strs, m.strs); }
+std::string describe(const TAZE_StringStringMap &m) { return describe(m.string, m.nr_strs, m.strs); }
+
+/* A map record borrowed from the pattern. */
+template <typename R>
+struct Record {
+    R r{};
+    auto outputs() { return std::make_tuple(&r); }
+    std::string text() const { return describe(r); }
+};
+
+/* A getter with outputs Out: its result code and the outputs' text. */
+template <typename Out, typename Fn, typename... A>
+Probe probe(std::string name, Fn fn, A... a)
+{
+    return {std::move(name), [=](TAZE *h) {
+                Out out;
+                const int rc = std::apply([&](auto... o) { return fn(h, a..., o...); }, out.outputs());
+                return std::to_string(rc) + " " + out.text();
+            }};
+}
+
+/* Calls whose result is the answer. */
+template <typename Fn, typename... A>
+Probe plain(std::string name, Fn fn, A... a)
+{
+    return {std::move(name), [=](TAZE *h) { return std::to_string(fn(h, a...)); }};
+}
+
+const unsigned char kV6Hit[16] = {0x20, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0x10};
+const unsigned char kV6Miss[16] = {0x30};
+const tazw::IPv6 kV6KeyA = tazf::v6(0x20, 1), kV6KeyB = tazf::v6(0xFE, 2); /* keys of the IPv6 maps */
+
+/* Every kind of query, with keys that hit and keys that miss. */
+std::vector<Probe> query_table()
+{
+    std::vector<Probe> t;
+    for (unsigned k : {0u, 1u}) {
+        const std::string kind = k ? " (second)" : "";
+        for (unsigned i : {0u, 2u, 9u}) {
+            const std::string at = " " + std::to_string(i) + kind;
+            t.push_back(probe<Text>("rule index desc" + at, TAZE_GetRuleIndexDescEx, k, i));
+            t.push_back(probe<Text>("rule index risk" + at, TAZE_GetRuleIndexRiskEx, k, i));
+            t.push_back(probe<Number>("rule index group" + at, TAZE_GetRuleIndexRiskGroupEx, k, i));
+            t.push_back(probe<Number>("rule index cl" + at, TAZE_GetRuleIndexCLEx, k, i));
+            t.push_back(probe<Number>("rule index enable" + at, TAZE_GetRuleIndexEnableEx, k, i));
+            t.push_back(probe<Number>("rule index id" + at, TAZE_GetRuleIndexRuleIDEx, k, i));
+        }
+        for (unsigned id : {7u, 42u, 5u}) {
+            const std::string at = " " + std::to_string(id) + kind;
+            t.push_back(probe<Text>("rule id risk" + at, TAZE_GetRuleIdRiskEx, k, id));
+            t.push_back(probe<Number>("rule id group" + at, TAZE_GetRuleIdRiskGroupEx, k, id));
+            t.push_back(probe<Number>("rule id cl" + at, TAZE_GetRuleIdCLEx, k, id));
+            t.push_back(probe<Number>("rule clean check" + at, TAZE_CheckRuleIdCleanEx, k, id, 6u, 2u));
+            t.push_back(probe<Clean>("rule clean" + at, TAZE_GetRuleIdCleanEx, k, id));
+            t.push_back(probe<Risk>("potential risk" + at, TAZE_GetPotentialRiskInfoEx, k, id, 2u, 6u));
+            t.push_back(probe<Number>("threat type" + at, TAZE_GetThreatTypeEx, k, id));
+        }
+        t.push_back(probe<Number>("rule count" + kind, TAZE_GetRuleInfoCountEx, k));
+        t.push_back(probe<Number>("clean info check" + kind, TAZE_CheckCleanInfoEx, k, 1u, 2u));
+        t.push_back(probe<Clean>("clean info" + kind, TAZE_GetCleanInfoEx, k, 17u));
+        t.push_back(probe<Risk>("known risk" + kind, TAZE_GetKnownRiskInfoEx, k, 1u, 17u));
+        t.push_back(probe<Number>("protocol group of id" + kind, TAZE_GetProtocolIdGroupIDEx, k, 17u));
+    }
+    t.push_back(probe<Text>("rule id desc", TAZE_GetRuleIdDesc, 42u));
+    t.push_back(probe<Text>("rule index desc", TAZE_GetRuleIndexDesc, 1u));
+    t.push_back(probe<Number>("rule count", TAZE_GetRuleInfoCount));
+    for (unsigned i : {0u, 1u, 7u}) {
+        const std::string at = " " + std::to_string(i);
+        t.push_back(probe<Number>("protocol index id" + at, TAZE_GetProtocolIndexID, i));
+        t.push_back(probe<Text>("protocol index desc" + at, TAZE_GetProtocolIndexDesc, i));
+        t.push_back(probe<Number>("protocol index group" + at, TAZE_GetProtocolIndexGroupID, i));
+        t.push_back(probe<Number>("group index id" + at, TAZE_GetProtocolGroupIndexID, i));
+        t.push_back(probe<Text>("group index desc" + at, TAZE_GetProtocolGroupIndexDesc, i));
+        t.push_back(probe<Number>("group index members" + at, TAZE_GetProtocolGroupIndexProtocolCount, i));
+        t.push_back(probe<Number>("group index member 1" + at, TAZE_GetProtocolGroupIndexProtocolIndex, i, 1u));
+    }
+    for (unsigned id : {6u, 100u, 200u}) {
+        const std::string at = " " + std::to_string(id);
+        t.push_back(probe<Text>("protocol id desc" + at, TAZE_GetProtocolIdDesc, id));
+        t.push_back(probe<Number>("protocol id group" + at, TAZE_GetProtocolIdGroupID, id));
+        t.push_back(probe<Text>("group id desc" + at, TAZE_GetProtocolGroupIdDesc, id));
+        t.push_back(probe<Number>("group id members" + at, TAZE_GetProtocolGroupIdProtocolCount, id));
+        t.push_back(probe<Number>("group id member 0" + at, TAZE_GetProtocolGroupIdProtocolIndexId, id, 0u));
+    }
+    t.push_back(probe<Number>("protocol count", TAZE_GetProtocolCount));
+    t.push_back(probe<Number>("group count", TAZE_GetProtocolGroupCount));
+    t.push_back(probe<Number>("threat type", TAZE_GetThreatType, 42u));
+    t.push_back(probe<Risk>("known risk", TAZE_GetKnownRiskInfo, 3u, 100u));
+    t.push_back(probe<Risk>("potential risk", TAZE_GetPotentialRiskInfo, 42u, 2u, 6u));
+    t.push_back(probe<Number>("clean check", TAZE_CheckCleanInfo, 6u, 3u));
+    t.push_back({"second kind name", [](TAZE *h) {
+                     const char *info = nullptr;
+                     const int rc = TAZE_GetUlmInfo(h, &info);
+                     return std::to_string(rc) + " " + text_of(info);
+                 }});
+    t.push_back({"raw pattern", [](TAZE *h) {
+                     const unsigned char *data = nullptr;
+                     unsigned len = 0;
+                     const int rc = TAZE_GetRawPatternByType(h, RPT_YUB, &data, &len);
+                     return std::to_string(rc) + " " + (data ? text_of(data, len) : std::string("<none>"));
+                 }});
+    t.push_back({"compiler version", [](TAZE *h) {
+                     char buf[32] = {};
+                     const int rc = TAZE_GetCompilerVersion(h, buf, sizeof buf);
+                     return std::to_string(rc) + " " + buf;
+                 }});
+
+    using ListSearch = int (*)(TAZE *, int, const char *, int);
+    const std::pair<const char *, ListSearch> lists[] = {
+        {"exact", TAZE_PatternSearchStringList},          {"prefix", TAZE_PatternSearchPrefixList},
+        {"suffix", TAZE_PatternSearchSuffixList},         {"substring", TAZE_PatternSearchSubstringList},
+        {"case", TAZE_PatternSearchCaseList},             {"prefix case", TAZE_PatternSearchPrefixCaseList},
+        {"suffix case", TAZE_PatternSearchSuffixCaseList}, {"substring case", TAZE_PatternSearchSubstringCaseList}};
+    for (const auto &l : lists)
+        for (int k : {0, 1})
+            for (const char *key : {"example.com", "mail.example.org.evil", "www.test.net/x", "nothing"})
+                t.push_back(plain(std::string(l.first) + " list " + key + (k ? " (second)" : ""), l.second, 2, key, k));
+    t.push_back(plain("ip range", TAZE_PatternSearchIPRangeList, 0, 0x0A000102u, 0));
+    t.push_back(plain("ip range miss", TAZE_PatternSearchIPRangeList, 2, 0x0B000000u, 0));
+    t.push_back(plain("ipv6 range", TAZE_PatternSearchIPv6RangeList, 0, kV6Hit, 0));
+    t.push_back(plain("ipv6 range miss", TAZE_PatternSearchIPv6RangeList, 0, kV6Miss, 1));
+    t.push_back(plain("port range", TAZE_PatternSearchPortRangeList, 2, static_cast<unsigned short>(443), 0));
+    t.push_back(plain("port range miss", TAZE_PatternSearchPortRangeList, 0, static_cast<unsigned short>(500), 1));
+
+    for (int k : {0, 1})
+        for (int mt : {MT_STRING, MT_PREFIX, MT_SUFFIX, MT_SUBSTR, MT_STRING_SUFFIX, MT_SUBSTR_PREFIX}) {
+            const std::string at = " type " + std::to_string(mt) + (k ? " (second)" : "");
+            t.push_back(plain("SI search" + at, TAZE_PatternSearchSIMap, k, mt, 2, "example.com", 7u));
+            t.push_back(probe<Record<TAZE_StringIntMap>>("SI by key" + at, TAZE_PatternGetSIMapByKey, k, mt, 0, "evil"));
+            t.push_back(plain("SI count" + at, TAZE_PatternGetSIMapCount, k, mt, 2));
+            t.push_back(probe<Record<TAZE_StringIntMap>>("SI by index" + at, TAZE_PatternGetSIMapByIndex, k, mt, 2, 1));
+            t.push_back(plain("SIPv6 search" + at, TAZE_PatternSearchSIPv6Map, k, mt, 0, "a", kV6Hit));
+            t.push_back(probe<Record<TAZE_StringIPv6Map>>("SIPv6 by key" + at, TAZE_PatternGetSIPv6MapByKey, k, mt, 2, "x86"));
+            t.push_back(probe<Record<TAZE_StringIPv6Map>>("SIPv6 by index" + at, TAZE_PatternGetSIPv6MapByIndex, k, mt, 0, 3));
+            t.push_back(plain("IS search" + at, TAZE_PatternSearchISMap, k, mt, 0, 2u, "Value"));
+            t.push_back(probe<Record<TAZE_IntStringMap>>("IS by key" + at, TAZE_PatternGetISMapByKey, k, mt, 2, 40u));
+            t.push_back(probe<Record<TAZE_IntStringMap>>("IS by index" + at, TAZE_PatternGetISMapByIndex, k, mt, 0, 0));
+            t.push_back(plain("SS search" + at, TAZE_PatternSearchSSMap, k, mt, 0, "zz-top", "abc"));
+            t.push_back(probe<Record<TAZE_StringStringMap>>("SS by key" + at, TAZE_PatternGetSSMapByKey, k, mt, 2, "a"));
+            t.push_back(plain("SS count" + at, TAZE_PatternGetSSMapCount, k, mt, 0));
+            t.push_back(probe<Record<TAZE_StringStringMap>>("SS by index" + at, TAZE_PatternGetSSMapByIndex, k, mt, 2, 4));
+            t.push_back(probe<Record<TAZE_IntIntMap>>("II by key" + at, TAZE_PatternGetIIMapByKey, k, mt, 0, 1000u));
+            t.push_back(probe<Record<TAZE_IntIntMap>>("II by index" + at, TAZE_PatternGetIIMapByIndex, k, mt, 2, 0));
+        }
+    for (int k : {0, 1}) {
+        const std::string at = k ? " (second)" : "";
+        t.push_back(plain("II search" + at, TAZE_PatternSearchIIMap, k, 2, 1000u, 102u));
+        t.push_back(plain("II count" + at, TAZE_PatternGetIIMapCount, k, MT_STRING, 0));
+        t.push_back(plain("IPv6I search" + at, TAZE_PatternSearchIPv6IMap, k, 0, kV6KeyA.data(), 2u));
+        t.push_back(probe<Record<TAZE_IPv6IntMap>>("IPv6I by key" + at, TAZE_PatternGetIPv6IMapByKey, k, 2,
+                                            kV6KeyB.data()));
+        t.push_back(plain("IPv6I count" + at, TAZE_PatternGetIPv6IMapCount, k, 0));
+        t.push_back(probe<Record<TAZE_IPv6IntMap>>("IPv6I by index" + at, TAZE_PatternGetIPv6IMapByIndex, k, 2, 1));
+    }
+    return t;
+}
+
+/* ---- the pattern directory ---------------------------------------------------------- */
+
+/* A directory with the older file in place and the newer one beside it
+ * under a name the scan skips; publish() and withdraw() rename it. */
+class PatternDir {
+public:
+    PatternDir() : dir_(tazt::temp_dir())
+    {
+        static const Bytes raw = {'r', 'a', 'w', '-', 'b', 'y', 't', 'e', 's'};
+        const Bytes taz = tazf::full_payload(false), ulm = tazf::full_payload(true);
+        EXPECT_TRUE(tazw::write_file(path(kOlder), tazf::container_of(taz, &ulm, &raw, true, 0, kOlder)));
+        EXPECT_TRUE(tazw::write_file(hidden_, tazf::container_of(taz, &ulm, &raw, true, 0, kNewer)));
+    }
+    const std::string &dir() const { return dir_; }
+    void publish() { EXPECT_EQ(std::rename(hidden_.c_str(), path(kNewer).c_str()), 0); }
+    void withdraw() { EXPECT_EQ(std::rename(path(kNewer).c_str(), hidden_.c_str()), 0); }
+
+private:
+    std::string path(std::uint32_t ver) const { return dir_ + "/" + tazw::pattern_file_name(kPrefix, ver); }
+    std::string dir_;
+    std::string hidden_ = dir_ + "/newer.pending";
+};
+
+std::string version_of(TAZE *h)
+{
+    char buf[32] = {};
+    return TAZE_GetPatternVersion(h, buf, sizeof buf) == 0 ? buf : "<none>";
+}
+
+/* The host's read-write lock. It prefers a waiting writer (readers hold
+ * back while one waits), so that readers that query without a pause cannot
+ * keep a reload out for good. */
+class HostLock {
+public:
+    void lock_shared()
+    {
+        while (writers_.load() != 0) std::this_thread::yield();
+        m_.lock_shared();
+    }
+    void unlock_shared() { m_.unlock_shared(); }
+    void lock()
+    {
+        ++writers_;
+        m_.lock();
+    }
+    void unlock()
+    {
+        m_.unlock();
+        --writers_;
+    }
+
+private:
+    std::shared_mutex m_;
+    std::atomic<int> writers_{0};
+};
+
+/* What the readers found that they should not have. */
+class Findings {
+public:
+    void note(const std::string &what)
+    {
+        const std::lock_guard<std::mutex> lock(m_);
+        if (count_++ < 5) text_ += what + "\n";
+    }
+    int count() const { return count_; }
+    const std::string &text() const { return text_; }
+
+private:
+    std::mutex m_;
+    std::atomic<int> count_{0};
+    std::string text_;
+};
+
+/* One pass over the table against the expected answers. */
+void check_all(TAZE *h, const std::vector<Probe> &table, const std::vector<std::string> &expected,
+               const std::string &versions, Findings &f)
+{
+    for (std::size_t i = 0; i < table.size(); ++i) {
+        const std::string got = table[i].ask(h);
+        if (got != expected[i]) f.note(table[i].name + ": " + got + " (expected " + expected[i] + ")");
+    }
+    const std::string v = version_of(h);
+    if (versions.find("[" + v + "]") == std::string::npos) f.note("version " + v);
+}
+
+/* Runs kReaders reader threads and the writer. Each reader makes its pass
+ * function (make_pass runs on the reader's thread) and calls it at least
+ * kRounds times and on until the writer is done. The writer reloads
+ * kReloads times, each time after the readers made progress, publishing
+ * and withdrawing the newer file by turns, so every reload meets running
+ * queries; reload() answers 0 on success. */
+template <typename MakePass, typename Reload>
+void run_stress(PatternDir &d, MakePass make_pass, Reload reload)
+{
+    std::atomic<int> passes{0}, readers_left{kReaders};
+    std::atomic<bool> writer_done{false};
+    std::vector<std::thread> readers;
+    for (int r = 0; r < kReaders; ++r)
+        readers.emplace_back([&] {
+            auto pass = make_pass();
+            for (int round = 0; round < kRounds || (!writer_done && round < kMaxRounds); ++round) {
+                pass();
+                ++passes;
+            }
+            --readers_left;
+        });
+    int failed = 0, seen = passes.load();
+    for (int i = 0; i < kReloads; ++i) {
+        while (passes.load() == seen && readers_left.load() > 0) std::this_thread::yield();
+        seen = passes.load();
+        if (i % 2 == 0)
+            d.publish();
+        else
+            d.withdraw();
+        failed += reload() != 0;
+    }
+    writer_done = true;
+    for (std::thread &t : readers) t.join();
+    EXPECT_EQ(failed, 0);
+    EXPECT_GE(passes.load(), kReaders * kRounds);
+}
+
+struct Expected {
+    std::vector<Probe> table = query_table();
+    std::vector<std::string> answers;
+    std::string versions;
+};
+
+/* Answers of a freshly loaded handle, and the two version texts. */
+Expected expected_answers(const PatternDir &d)
+{
+    Expected e;
+    tazt::Handle h = tazt::new_handle();
+    EXPECT_EQ(TAZE_LoadPatternDir(h.get(), d.dir().c_str(), kPrefix), 0);
+    for (const Probe &p : e.table) e.answers.push_back(p.ask(h.get()));
+    e.versions = "[" + version_of(h.get()) + "]";
+    char buf[32] = {};
+    std::snprintf(buf, sizeof buf, KORM_VERSION_FORMAT, int(KORM_GET_PATTERN_PRO(kNewer)),
+                  int(KORM_GET_PATTERN_VER(kNewer)), int(KORM_GET_PATTERN_BLD(kNewer)));
+    e.versions += std::string("[") + buf + "]";
+    return e;
+}
+
+/* The table means something: known answers of the sample pattern. */
+TEST(Stress, QueryTableAnswers)
+{
+    PatternDir d;
+    const Expected e = expected_answers(d);
+    ASSERT_EQ(e.table.size(), e.answers.size());
+    auto answer = [&e](const std::string &name) {
+        for (std::size_t i = 0; i < e.table.size(); ++i)
+            if (e.table[i].name == name) return e.answers[i];
+        return std::string("<no such probe>");
+    };
+    EXPECT_EQ(answer("rule id desc"), "0 rule 42");
+    EXPECT_EQ(answer("exact list example.com"), "1");
+    EXPECT_EQ(answer("suffix list mail.example.org.evil"), "1");
+    EXPECT_EQ(answer("exact list nothing"), "0");
+    EXPECT_EQ(answer("second kind name"), "0 Trojan.Sample");
+    EXPECT_EQ(answer("raw pattern"), "0 raw-bytes");
+    EXPECT_EQ(answer("ip range"), "1");
+    EXPECT_EQ(answer("II search"), "1");
+    EXPECT_EQ(e.versions, "[1.00077.35][1.00078.35]");
+    int positive = 0;
+    for (const std::string &a : e.answers) positive += a.rfind("0 ", 0) == 0 || a == "1";
+    EXPECT_GT(positive, int(e.answers.size()) / 3);
+}
+
+/* A C host: queries under the shared side of a read-write lock, reloads
+ * (and switching the current pattern kind) under its exclusive side. */
+TEST(Stress, ReloadUnderReadWriteLock)
+{
+    PatternDir d;
+    const Expected e = expected_answers(d);
+    tazt::Handle h = tazt::new_handle();
+    ASSERT_EQ(TAZE_LoadPatternDir(h.get(), d.dir().c_str(), kPrefix), 0);
+    HostLock lock;
+    Findings found;
+    run_stress(
+        d,
+        [&] {
+            return [&] {
+                const std::shared_lock<HostLock> shared(lock);
+                check_all(h.get(), e.table, e.answers, e.versions, found);
+            };
+        },
+        [&] {
+            const std::unique_lock<HostLock> exclusive(lock);
+            const int rc = TAZE_ReloadPatternDir(h.get(), d.dir().c_str(), kPrefix);
+            TAZE_PointToULMPattern(h.get());
+            TAZE_PointToTAZPattern(h.get());
+            return rc;
+        });
+    EXPECT_EQ(found.count(), 0) << found.text();
+}
+
+/* A C++ host: readers query lock-free through their reader objects while
+ * the writer reloads the reloading handle. */
+TEST(Stress, ReloadingHandleWithoutLocks)
+{
+    PatternDir d;
+    const Expected e = expected_answers(d);
+    taze::reloading_handle rh;
+    ASSERT_FALSE(rh.try_load_dir(d.dir(), kPrefix));
+    Findings found;
+    run_stress(
+        d,
+        [&] {
+            return [&, reader = taze::reloading_handle::reader(rh)]() mutable {
+                check_all(reader.current()->native(), e.table, e.answers, e.versions, found);
+            };
+        },
+        [&] { return rh.try_reload() ? 1 : 0; });
+    EXPECT_EQ(found.count(), 0) << found.text();
+    EXPECT_EQ(rh.generation(), std::uint64_t(1 + kReloads));
+}
+
+} // namespace

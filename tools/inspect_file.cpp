@@ -1,0 +1,505 @@
+/* The inspector's core: container layout, loading through the library's
+ * reader, the section stream of a payload and typed family access. */
+#include "inspect.h"
+
+#include <arpa/inet.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+
+#include "byteorder.h"
+#include "taze_impl.h"
+#include "tazeptn.h"
+#include "vkerror.h"
+
+namespace tazi {
+
+/* ---- texts ------------------------------------------------------------------ */
+
+std::string version_text(std::uint32_t v)
+{
+    char buf[32];
+    std::snprintf(buf, sizeof buf, KORM_VERSION_FORMAT, int(KORM_GET_PATTERN_PRO(v)), int(KORM_GET_PATTERN_VER(v)),
+                  int(KORM_GET_PATTERN_BLD(v)));
+    return buf;
+}
+
+std::string magic_text(std::uint32_t magic)
+{
+    std::string s;
+    for (int i = 0; i < 4; ++i) {
+        const auto c = static_cast<unsigned char>(magic >> (8 * i));
+        if (c == 0) {
+            s += "\\0";
+        } else if (c < 0x20 || c >= 0x7F) {
+            char buf[8];
+            std::snprintf(buf, sizeof buf, "\\x%02X", c);
+            s += buf;
+        } else {
+            s += char(c);
+        }
+    }
+    return s;
+}
+
+namespace {
+
+constexpr std::pair<std::uint32_t, const char *> kDirections[] = {{1, "any"}, {2, "inbound"}, {3, "outbound"}};
+// clang-format off
+constexpr std::pair<std::uint32_t, const char *> kThreatTypes[] = {
+    {0, "file_pattern"}, {1, "malicious_behavior"}, {2, "suspicious_behavior"}, {3, "exploit"},
+    {4, "grayware"}, {5, "qim"}, {6, "zul"}, {99, "hidden"}};
+// clang-format on
+
+template <std::size_t N>
+const char *name_in(const std::pair<std::uint32_t, const char *> (&table)[N], std::uint32_t value)
+{
+    for (const auto &[v, name] : table)
+        if (v == value) return name;
+    return nullptr;
+}
+
+} // namespace
+
+const char *direction_name(std::uint32_t direction) { return name_in(kDirections, direction); }
+const char *threat_type_name(std::uint32_t threat_type) { return name_in(kThreatTypes, threat_type); }
+
+bool direction_of(const std::string &name, std::uint32_t *direction)
+{
+    for (const auto &[v, n] : kDirections)
+        if (name == n) {
+            *direction = v;
+            return true;
+        }
+    return false;
+}
+
+const char *error_name(int code)
+{
+    static constexpr std::pair<int, const char *> kNames[] = {{UNKNOWN_ERR, "UNKNOWN_ERR"}, {ACCESS_ERR, "ACCESS_ERR"},
+                                                              {OPEN_R_ERR, "OPEN_R_ERR"},   {READ_ERR, "READ_ERR"},
+                                                              {NO_MEM_ERR, "NO_MEM_ERR"},   {PARA_ERR, "PARA_ERR"}};
+    for (const auto &[c, name] : kNames)
+        if (c == code) return name;
+    return "";
+}
+
+std::string code_text(int code)
+{
+    std::string s = std::to_string(code);
+    if (*error_name(code)) s += std::string(" (") + error_name(code) + ")";
+    return s;
+}
+
+std::string hex_bytes(const unsigned char *p, std::size_t n, const char *sep)
+{
+    std::string s;
+    char buf[4];
+    for (std::size_t i = 0; i < n; ++i) {
+        if (i > 0) s += sep;
+        std::snprintf(buf, sizeof buf, "%02x", p[i]);
+        s += buf;
+    }
+    return s;
+}
+
+std::string ipv4_text(std::uint32_t host_order)
+{
+    in_addr a{};
+    a.s_addr = htonl(host_order);
+    char buf[INET_ADDRSTRLEN] = {};
+    inet_ntop(AF_INET, &a, buf, sizeof buf);
+    return buf;
+}
+
+std::string ipv6_text(const unsigned char bytes[16])
+{
+    char buf[INET6_ADDRSTRLEN] = {};
+    inet_ntop(AF_INET6, bytes, buf, sizeof buf);
+    return buf;
+}
+
+/* ---- the container ---------------------------------------------------------- */
+
+const char *subtype_name(std::uint16_t subtype)
+{
+    switch (subtype) {
+    case KORM_SUB_TAZE_RULE: return "main pattern";
+    case KORM_SUB_ULM_RULE: return "second pattern";
+    case KORM_SUB_YUB_RULE: return "raw pattern";
+    default: return "not read by this library";
+    }
+}
+
+const char *enctype_name(std::uint16_t enctype)
+{
+    return enctype == KORM_ENC_TFSH_MD5 ? "Twofish + MD5"
+           : enctype == KORM_ENC_NONE   ? "none"
+                                        : "unknown (read as none)";
+}
+
+namespace {
+
+std::string skip_reason(const SubHeader &s)
+{
+    const std::uint16_t t = s.sub.subtype;
+    if (t != KORM_SUB_TAZE_RULE && t != KORM_SUB_ULM_RULE && t != KORM_SUB_YUB_RULE) return "kind not read";
+    if (s.sub.minver != 0 || s.sub.maxver != 0) return "engine versions set (the reader needs both 0)";
+    if (s.enc.enclen == 0) return "empty body";
+    return "";
+}
+
+} // namespace
+
+Layout read_layout(const std::vector<unsigned char> &file)
+{
+    Layout l;
+    l.file_size = file.size();
+    const unsigned char *b = file.data();
+    if (file.size() < KORMHEAD_SIZE) {
+        l.problem = "the file is shorter than the 32-byte main header";
+        return l;
+    }
+    l.has_head = true;
+    std::memcpy(l.head.magic, b, 4);
+    l.head.fmtVer = bigEndianToU16(b + 4);
+    l.head.mbz = bigEndianToU16(b + 6);
+    l.head.ptnVer = bigEndianToU32(b + 8);
+    l.head.cntSub = bigEndianToU32(b + 12);
+    for (int i = 0; i < 4; ++i) l.head.reserved[i] = bigEndianToU32(b + 16 + 4 * i);
+    if (std::memcmp(l.head.magic, TAZP_FILE_MAGIC_STR, 4) != 0) {
+        l.problem = "the magic is not \"TAZP\"";
+        return l;
+    }
+    std::uint64_t pos = KORMHEAD_SIZE;
+    l.end_pos = pos;
+    for (std::uint32_t i = 0; i < l.head.cntSub; ++i) {
+        const std::string which = "sub-pattern " + std::to_string(i);
+        if (pos + KORMSUB_SIZE > file.size()) {
+            l.problem = "the file ends inside the header of " + which;
+            return l;
+        }
+        SubHeader s;
+        s.header_pos = pos;
+        s.sub.subtype = bigEndianToU16(b + pos);
+        s.sub.enctype = bigEndianToU16(b + pos + 2);
+        s.sub.minver = bigEndianToU32(b + pos + 4);
+        s.sub.maxver = bigEndianToU32(b + pos + 8);
+        s.sub.offset = bigEndianToU32(b + pos + 12);
+        pos += KORMSUB_SIZE;
+        if (s.sub.offset > pos) {
+            if (s.sub.offset - pos > PATTERN_BUF_SIZE) {
+                l.subs.push_back(s);
+                l.problem = "the encryption header of " + which + " lies " + std::to_string(s.sub.offset - pos) +
+                            " bytes past its header; the reader skips at most 3000";
+                return l;
+            }
+            pos = s.sub.offset;
+        }
+        s.enc_pos = pos;
+        if (pos + ENCHEAD_SIZE > file.size()) {
+            l.subs.push_back(s);
+            l.problem = "the file ends inside the encryption header of " + which;
+            return l;
+        }
+        s.enc.enclen = bigEndianToU32(b + pos);
+        s.enc.declen = bigEndianToU32(b + pos + 4);
+        std::memcpy(s.enc.digest, b + pos + 8, KORM_KEY_LEN);
+        pos += ENCHEAD_SIZE;
+        s.skipped = skip_reason(s);
+        s.complete = pos + s.enc.enclen <= file.size();
+        l.subs.push_back(s);
+        if (!s.complete) {
+            l.problem = "the file ends inside the body of " + which;
+            return l;
+        }
+        pos += s.enc.enclen;
+        l.end_pos = pos;
+    }
+    if (l.head.cntSub == 0) l.problem = "the container names no sub-pattern; the reader waits for one and fails";
+    return l;
+}
+
+/* ---- loading ------------------------------------------------------------------ */
+
+bool LoadedFile::load(const std::string &path, std::string *error)
+{
+    std::FILE *f = std::fopen(path.c_str(), "rb");
+    if (!f) {
+        *error = "cannot open " + path + ": " + std::strerror(errno);
+        return false;
+    }
+    unsigned char chunk[4096];
+    std::size_t n;
+    while ((n = std::fread(chunk, 1, sizeof chunk, f)) > 0) bytes.insert(bytes.end(), chunk, chunk + n);
+    const bool read_error = std::ferror(f) != 0;
+    std::fclose(f);
+    if (read_error) {
+        *error = "cannot read " + path;
+        return false;
+    }
+    layout = read_layout(bytes);
+
+    reader_.reset(newPatternBuffer());
+    if (!reader_) {
+        *error = "out of memory";
+        return false;
+    }
+    /* The pieces TAZE_LoadPattern feeds. */
+    constexpr std::size_t kPiece = 32;
+    char piece[kPiece] = {};
+    for (std::size_t off = 0; off < bytes.size() && status == 0; off += kPiece) {
+        const std::size_t len = std::min(kPiece, bytes.size() - off);
+        std::memcpy(piece, bytes.data() + off, len);
+        const int rc = putPatternBuffer(reader_.get(), piece, int(len));
+        if (rc < 0) status = rc;
+    }
+    if (status == 0) status = putPatternBuffer(reader_.get(), piece, 0);
+    stop_offset = reader_->fileOffset;
+    return true;
+}
+
+const taz_pattern_st *LoadedFile::image(bool second_kind) const
+{
+    const _TAZPattern *rec = reader_ ? reader_->pTAZPattern : nullptr;
+    if (!rec) return nullptr;
+    return second_kind ? rec->ulm_ptn : rec->taz_ptn;
+}
+
+std::uint32_t LoadedFile::pattern_version() const
+{
+    const _TAZPattern *rec = reader_ ? reader_->pTAZPattern : nullptr;
+    return rec && status == 0 ? rec->patternVer : layout.head.ptnVer;
+}
+
+std::string_view LoadedFile::raw() const
+{
+    const _RawPattern *r = reader_ ? reader_->pRawPattern[TAZE_YUB] : nullptr;
+    if (!r || !r->data || !r->len) return {};
+    return {reinterpret_cast<const char *>(r->data), r->len};
+}
+
+std::string LoadedFile::refusal() const
+{
+    if (status != 0) {
+        std::string where = "in the main header";
+        for (std::size_t i = 0; i < layout.subs.size(); ++i)
+            if (layout.subs[i].header_pos <= stop_offset) where = "in sub-pattern " + std::to_string(i);
+        const std::string code = status == NO_MEM_ERR ? code_text(status) : std::to_string(status);
+        std::string why =
+            "the reader failed with " + code + " after " + std::to_string(stop_offset) + " bytes, " + where;
+        if (!layout.problem.empty()) why += " (" + layout.problem + ")";
+        return why;
+    }
+    if (!image(false)) return "it holds no usable main pattern (kind 7); TAZE_LoadPattern refuses it with -96";
+    return "";
+}
+
+/* ---- sections ------------------------------------------------------------------ */
+
+namespace {
+
+struct InfoSection {
+    std::uint32_t magic;
+    const char *name;
+    bool second_only;
+};
+
+constexpr InfoSection kInfoSections[] = {
+    {MAGIC_TAZE_PATTERN_RULE_INFO, "rules", false},
+    {MAGIC_TAZE_PATTERN_CLEAN_INFO, "clean", false},
+    {MAGIC_TAZE_PATTERN_PATTERN_INFO, "compiler_version", false},
+    {MAGIC_TAZE_PATTERN_PROTOCOL_INFO, "protocols, protocol_groups", false},
+    {MAGIC_TAZE_PATTERN_SEVERITY_INFO, "severity", false},
+    {MAGIC_TAZE_THREAT_TYPE, "threat_types", false},
+    {MAGIC_TAZE_PATTERN_ULM_INFO, "name of the second kind", true},
+};
+
+const InfoSection *info_section(std::uint32_t magic)
+{
+    for (const InfoSection &s : kInfoSections)
+        if (s.magic == magic) return &s;
+    return nullptr;
+}
+
+const tazc::Family *family_of(std::uint32_t magic)
+{
+    for (const tazc::Family &f : tazc::families())
+        if (f.magic == magic) return &f;
+    return nullptr;
+}
+
+} // namespace
+
+std::string section_name(std::uint32_t magic)
+{
+    std::string s = "\"" + magic_text(magic) + "\"";
+    if (const tazc::Family *f = family_of(magic)) return s + " (" + f->group + "." + f->name + ")";
+    if (const InfoSection *i = info_section(magic)) return s + " (" + i->name + ")";
+    return s + " (unknown kind)";
+}
+
+bool section_accepted(std::uint32_t magic, bool second_kind)
+{
+    if (const tazc::Family *f = family_of(magic)) return !(second_kind && f->main_kind_only);
+    if (const InfoSection *i = info_section(magic)) return second_kind || !i->second_only;
+    return false;
+}
+
+bool single_list_section(std::uint32_t magic)
+{
+    return magic == MAGIC_TAZE_PATTERN_RULE_INFO || magic == MAGIC_TAZE_PATTERN_CLEAN_INFO;
+}
+
+Payload walk_payload(const taz_pattern_st &image)
+{
+    Payload out;
+    const std::uint64_t len = image.ptn_len;
+    std::uint64_t i = 0;
+    while (image.ptn_buf && i + 16 <= len) {
+        Section s;
+        s.offset = i;
+        taze::LeCursor h(image.ptn_buf, image.ptn_len, i);
+        h.u32(s.hdr.magic);
+        h.u32(s.hdr.crc);
+        h.u32(s.hdr.size);
+        h.u32(s.hdr.count);
+        i += 16;
+        if (i + s.hdr.size > len) {
+            out.overrun = true;
+            out.sections.push_back(s);
+            return out;
+        }
+        if (family_of(s.hdr.magic) || info_section(s.hdr.magic)) {
+            /* The list walk of the loaders: each list is found through the
+             * size field of the one before it. */
+            taze::LeCursor c(image.ptn_buf + i, s.hdr.size);
+            const std::uint32_t lists = single_list_section(s.hdr.magic) ? 1 : s.hdr.count;
+            for (std::uint32_t k = 0; k < lists; ++k) {
+                ListHeader l;
+                l.offset = i + c.pos();
+                if (!c.list_header(l.number, l.size, l.count) || !c.within(c.pos() + l.size)) {
+                    s.lists_complete = false;
+                    break;
+                }
+                c.skip(l.size);
+                s.lists.push_back(l);
+            }
+        }
+        i += s.hdr.size;
+        out.sections.push_back(std::move(s));
+    }
+    out.trailing = len > i ? len - i : 0;
+    return out;
+}
+
+const Section *last_section(const Payload &payload, std::uint32_t magic)
+{
+    const Section *found = nullptr;
+    for (const Section &s : payload.sections)
+        if (s.hdr.magic == magic) found = &s;
+    return found;
+}
+
+bool stored_string(const taz_pattern_st &image, const unsigned char *p, counted_string_t *out)
+{
+    const unsigned char *begin = image.ptn_buf;
+    if (!begin || !p || p < begin + 4 || p > begin + image.ptn_len) return false;
+    const std::uint32_t n = littleEndianToU32(p - 4);
+    if (std::uint64_t(p - begin) + n > image.ptn_len) return false;
+    *out = counted_string_t{p, n};
+    return true;
+}
+
+/* ---- typed families --------------------------------------------------------------- */
+
+namespace {
+
+using P = taz_pattern_st;
+
+template <auto Lists, auto Count>
+AnyLists lists_of(const P &p)
+{
+    using L = std::remove_cv_t<std::remove_pointer_t<std::remove_reference_t<decltype(p.*Lists)>>>;
+    return ListArray<L>{Span<L>(p.*Lists, p.*Count)};
+}
+
+struct FamilyField {
+    std::uint32_t magic;
+    AnyLists (*get)(const P &);
+};
+
+/* Every list and map family: its section magic and the image's fields. */
+constexpr FamilyField kFields[] = {
+    {MAGIC_TAZE_PATTERN_STR, lists_of<&P::string_lists, &P::max_string_list_count>},
+    {MAGIC_TAZE_PATTERN_STR_PREFIX, lists_of<&P::string_prefix_lists, &P::max_string_prefix_list_count>},
+    {MAGIC_TAZE_PATTERN_STR_SUFFIX, lists_of<&P::string_suffix_lists, &P::max_string_suffix_list_count>},
+    {MAGIC_TAZE_PATTERN_STR_SUBSTR, lists_of<&P::string_substring_lists, &P::max_string_substring_list_count>},
+    {MAGIC_TAZE_PATTERN_STR_CASE, lists_of<&P::string_case_lists, &P::max_string_case_list_count>},
+    {MAGIC_TAZE_PATTERN_STR_PREFIX_CASE, lists_of<&P::string_prefix_case_lists, &P::max_string_prefix_case_list_count>},
+    {MAGIC_TAZE_PATTERN_STR_SUFFIX_CASE, lists_of<&P::string_suffix_case_lists, &P::max_string_suffix_case_list_count>},
+    {MAGIC_TAZE_PATTERN_STR_SUBSTR_CASE, lists_of<&P::string_substr_case_lists, &P::max_string_substr_case_list_count>},
+    {MAGIC_TAZE_PATTERN_IP, lists_of<&P::ip_range_lists, &P::max_ip_range_list_count>},
+    {MAGIC_TAZE_PATTERN_IPV6, lists_of<&P::ipv6_range_lists, &P::max_ipv6_range_list_count>},
+    {MAGIC_TAZE_PATTERN_PORT, lists_of<&P::port_range_lists, &P::max_port_range_list_count>},
+    {MAGIC_TAZE_PATTERN_STR_INT_MAP, lists_of<&P::str_int_map_lists, &P::max_str_int_map_list_count>},
+    {MAGIC_TAZE_PATTERN_PREFIX_INT_MAP, lists_of<&P::prefix_int_map_lists, &P::max_prefix_int_map_list_count>},
+    {MAGIC_TAZE_PATTERN_SUFFIX_INT_MAP, lists_of<&P::suffix_int_map_lists, &P::max_suffix_int_map_list_count>},
+    {MAGIC_TAZE_PATTERN_SUBSTR_INT_MAP, lists_of<&P::substr_int_map_lists, &P::max_substr_int_map_list_count>},
+    {MAGIC_TAZE_PATTERN_INT_INT_MAP, lists_of<&P::int_int_map_lists, &P::max_int_int_map_list_count>},
+    {MAGIC_TAZE_PATTERN_INT_STR_MAP, lists_of<&P::int_str_map_lists, &P::max_int_str_map_list_count>},
+    {MAGIC_TAZE_PATTERN_INT_PREFIX_MAP, lists_of<&P::int_prefix_map_lists, &P::max_int_prefix_map_list_count>},
+    {MAGIC_TAZE_PATTERN_INT_SUFFIX_MAP, lists_of<&P::int_suffix_map_lists, &P::max_int_suffix_map_list_count>},
+    {MAGIC_TAZE_PATTERN_INT_SUBSTR_MAP, lists_of<&P::int_substr_map_lists, &P::max_int_substr_map_list_count>},
+    {MAGIC_TAZE_PATTERN_STR_STR_MAP, lists_of<&P::str_str_map_lists, &P::max_str_str_map_list_count>},
+    {MAGIC_TAZE_PATTERN_STR_PREFIX_MAP, lists_of<&P::str_prefix_map_lists, &P::max_str_prefix_map_list_count>},
+    {MAGIC_TAZE_PATTERN_STR_SUFFIX_MAP, lists_of<&P::str_suffix_map_lists, &P::max_str_suffix_map_list_count>},
+    {MAGIC_TAZE_PATTERN_STR_SUBSTR_MAP, lists_of<&P::str_substr_map_lists, &P::max_str_substr_map_list_count>},
+    {MAGIC_TAZE_PATTERN_PREFIX_STR_MAP, lists_of<&P::prefix_str_map_lists, &P::max_prefix_str_map_list_count>},
+    {MAGIC_TAZE_PATTERN_PREFIX_PREFIX_MAP, lists_of<&P::prefix_prefix_map_lists, &P::max_prefix_prefix_map_list_count>},
+    {MAGIC_TAZE_PATTERN_PREFIX_SUFFIX_MAP, lists_of<&P::prefix_suffix_map_lists, &P::max_prefix_suffix_map_list_count>},
+    {MAGIC_TAZE_PATTERN_PREFIX_SUBSTR_MAP, lists_of<&P::prefix_substr_map_lists, &P::max_prefix_substr_map_list_count>},
+    {MAGIC_TAZE_PATTERN_SUFFIX_STR_MAP, lists_of<&P::suffix_str_map_lists, &P::max_suffix_str_map_list_count>},
+    {MAGIC_TAZE_PATTERN_SUFFIX_PREFIX_MAP, lists_of<&P::suffix_prefix_map_lists, &P::max_suffix_prefix_map_list_count>},
+    {MAGIC_TAZE_PATTERN_SUFFIX_SUFFIX_MAP, lists_of<&P::suffix_suffix_map_lists, &P::max_suffix_suffix_map_list_count>},
+    {MAGIC_TAZE_PATTERN_SUFFIX_SUBSTR_MAP, lists_of<&P::suffix_substr_map_lists, &P::max_suffix_substr_map_list_count>},
+    {MAGIC_TAZE_PATTERN_SUBSTR_STR_MAP, lists_of<&P::substr_str_map_lists, &P::max_substr_str_map_list_count>},
+    {MAGIC_TAZE_PATTERN_SUBSTR_PREFIX_MAP, lists_of<&P::substr_prefix_map_lists, &P::max_substr_prefix_map_list_count>},
+    {MAGIC_TAZE_PATTERN_SUBSTR_SUFFIX_MAP, lists_of<&P::substr_suffix_map_lists, &P::max_substr_suffix_map_list_count>},
+    {MAGIC_TAZE_PATTERN_SUBSTR_SUBSTR_MAP, lists_of<&P::substr_substr_map_lists, &P::max_substr_substr_map_list_count>},
+    {MAGIC_TAZE_PATTERN_STR_IPV6_MAP, lists_of<&P::string_ipv6_map_lists, &P::max_string_ipv6_map_list_count>},
+    {MAGIC_TAZE_PATTERN_PREFIX_IPV6_MAP, lists_of<&P::prefix_ipv6_map_lists, &P::max_prefix_ipv6_map_list_count>},
+    {MAGIC_TAZE_PATTERN_SUFFIX_IPV6_MAP, lists_of<&P::suffix_ipv6_map_lists, &P::max_suffix_ipv6_map_list_count>},
+    {MAGIC_TAZE_PATTERN_SUBSTR_IPV6_MAP, lists_of<&P::substr_ipv6_map_lists, &P::max_substr_ipv6_map_list_count>},
+    {MAGIC_TAZE_PATTERN_IPV6_INT_MAP, lists_of<&P::ipv6_int_map_lists, &P::max_ipv6_int_map_list_count>},
+};
+
+} // namespace
+
+std::vector<ImageFamily> image_families(const taz_pattern_st &image)
+{
+    std::vector<ImageFamily> out;
+    for (const tazc::Family &f : tazc::families())
+        for (const FamilyField &field : kFields)
+            if (field.magic == f.magic) out.push_back(ImageFamily{&f, field.get(image)});
+    return out;
+}
+
+/* ---- comparisons ------------------------------------------------------------------- */
+
+int compare_stored(const counted_string_t &a, const counted_string_t &b, unsigned rule, bool case_sensitive)
+{
+    if (rule == 0 || rule == 1) return case_sensitive ? str_case_compare(&a, &b) : str_compare(&a, &b);
+    if (rule != 2) return -1; /* substring lists keep any order */
+    /* The backward comparison over the longer length; when it reports 0 for
+     * strings of different length, the shorter is a suffix of the longer
+     * and sorts first. */
+    const UINT32 n = std::max(a.len, b.len);
+    int r = case_sensitive ? strncmp_reverse(&a, &b, n) : strncasecmp_reverse(&a, &b, n);
+    if (r == 0 && a.len != b.len) r = a.len < b.len ? -1 : 1;
+    return r;
+}
+
+} // namespace tazi
