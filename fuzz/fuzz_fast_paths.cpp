@@ -87,6 +87,15 @@ void map_key(const Pattern *p, const List *l, Key key, Value value, int (*by_key
     }
 }
 
+/* A key search that takes no map type, over the list and the narrowed one. */
+template <class List, class Key, class Entry>
+void same_entry(const Pattern *p, const List *l, Key key, int (*by_key)(Key, const List *, const Entry **))
+{
+    List one{};
+    const Entry *want = nullptr, *got = nullptr;
+    differ(by_key(key, fast::narrow(p, l, key, 0, one), &got) != by_key(key, l, &want) || got != want);
+}
+
 template <class List, class Entry, class Value>
 void string_maps(const Pattern *p, List *Pattern::*lists, UINT32 Pattern::*count, Value value,
                  int (*by_key)(const unsigned char *, const List *, int, const Entry **),
@@ -130,13 +139,8 @@ void ranges_and_numbers(const Pattern *p, UINT32 number)
     for (UINT32 i = 0; p->int_int_map_lists && i < p->max_int_int_map_list_count && i < kLists; ++i) {
         const iimap_list_st *l = &p->int_int_map_lists[i];
         for (UINT32 key : near<iimap_list_st, iimap_st, UINT32>(l, &iimap_list_st::int_int_maps, &iimap_list_st::nr_int_int_maps,
-                                                                 [](const iimap_st &e) { return e.key; }, number)) {
-            iimap_list_st one{};
-            const iimap_st *want = nullptr, *got = nullptr;
-            differ(iimap_list_search_by_key(key, fast::narrow(p, l, key, 0, one), &got) !=
-                       iimap_list_search_by_key(key, l, &want) ||
-                   got != want);
-        }
+                                                                 [](const iimap_st &e) { return e.key; }, number))
+            same_entry(p, l, key, iimap_list_search_by_key);
     }
     ismap_list_st *const ismaps[] = {p->int_str_map_lists, p->int_prefix_map_lists, p->int_suffix_map_lists,
                                      p->int_substr_map_lists};
@@ -166,13 +170,7 @@ void addresses(const Pattern *p, const unsigned char *given)
         std::vector<const unsigned char *> keys = {given};
         for (UINT32 j = 0; l->ipv6_int_maps && j < l->nr_ipv6_int_maps && j < kEntries; ++j)
             keys.push_back(l->ipv6_int_maps[j].ipv6.bytes);
-        for (const unsigned char *k : keys) {
-            ipv6imap_list_st one{};
-            const ipv6imap_st *want = nullptr, *got = nullptr;
-            differ(ipv6imap_list_search_by_key(k, fast::narrow(p, l, k, 0, one), &got) !=
-                       ipv6imap_list_search_by_key(k, l, &want) ||
-                   got != want);
-        }
+        for (const unsigned char *k : keys) same_entry(p, l, k, ipv6imap_list_search_by_key);
     }
 }
 

@@ -19,3 +19,6 @@ scripts/build.sh build/asan -DCMAKE_BUILD_TYPE=Debug -DTAZE_SANITIZE=ON
 
 echo "== Installed package: C and C++ host examples built against it"
 scripts/check_install.sh build/release
+
+echo "== Hardening: ThreadSanitizer stress and sweeps, fuzz smoke"
+scripts/hardening.sh 30

@@ -17,10 +17,10 @@
 
 #include <algorithm>
 #include <array>
-#include <cctype>
 #include <cstdlib>
 #include <cstring>
 #include <new>
+#include <utility>
 #include <type_traits>
 
 #include "taze_impl.h"
@@ -222,18 +222,29 @@ namespace {
 
 // ---- Exact text: hash table ----------------------------------------------------------
 
+/* A new T filled by T::fill(args...), or null (no memory, or fill refused). */
+template <class T, class... A>
+T *filled(A &&...args)
+{
+    auto *x = new (std::nothrow) T;
+    if (x != nullptr && !x->fill(std::forward<A>(args)...)) {
+        delete x;
+        x = nullptr;
+    }
+    return x;
+}
+
+
 class HashIndex final : public Accel {
 public:
+    template <class T, class... A>
+    friend T *filled(A &&...args); /* runs fill() */
+
     /* Null when the list is not in strict comparator order or cannot be
      * indexed; the caller then tries the tree. */
     static HashIndex *make(const Texts &t, bool fold, const Payload &pl, Budget &b)
     {
-        auto *h = new (std::nothrow) HashIndex;
-        if (h != nullptr && !h->fill(t, fold, pl, b)) {
-            delete h;
-            h = nullptr;
-        }
-        return h;
+        return filled<HashIndex>(t, fold, pl, b);
     }
 
     std::int64_t find(const unsigned char *key) const override
@@ -584,14 +595,12 @@ struct TextKey {
 
 class TextTree final : public Accel {
 public:
+    template <class T, class... A>
+    friend T *filled(A &&...args); /* runs fill() */
+
     static TextTree *make(const Texts &t, Match match, bool fold, const Payload &pl, Budget &b)
     {
-        auto *x = new (std::nothrow) TextTree;
-        if (x != nullptr && !x->fill(t, match, fold, pl, b)) {
-            delete x;
-            x = nullptr;
-        }
-        return x;
+        return filled<TextTree>(t, match, fold, pl, b);
     }
 
     std::int64_t find(const unsigned char *key) const override
@@ -829,14 +838,12 @@ private:
 
 class SubstrIndex final : public Accel {
 public:
+    template <class T, class... A>
+    friend T *filled(A &&...args); /* runs fill() */
+
     static SubstrIndex *make(const Texts &t, bool fold, const Payload &pl, Budget &b)
     {
-        auto *x = new (std::nothrow) SubstrIndex;
-        if (x != nullptr && !x->fill(t, fold, pl, b)) {
-            delete x;
-            x = nullptr;
-        }
-        return x;
+        return filled<SubstrIndex>(t, fold, pl, b);
     }
 
     std::int64_t find(const unsigned char *key) const override { return scan(key, false); }
@@ -942,7 +949,7 @@ private:
             for (std::uint32_t o = 0; o <= last && pick_score != 0; o += step) {
                 const GramSlot *s = grams_.find(gram(e.ptr + o, 4, f));
                 std::uint64_t score = std::uint64_t(s ? s->count : 0) * 8;
-                for (std::uint32_t j = 0; j < 4; ++j) score += std::isalnum(f[e.ptr[o + j]]) ? 0 : 1;
+                for (std::uint32_t j = 0; j < 4; ++j) score += word_byte(e.ptr[o + j]) ? 0 : 1;
                 if (score < pick_score) {
                     pick_score = score;
                     pick_at = o;
@@ -981,6 +988,9 @@ private:
         candidates_.shrink(next);
         return build_filter(anchored);
     }
+
+    /* A letter or a digit (ASCII, whatever the locale). */
+    static bool word_byte(unsigned char c) { return unsigned(c | 0x20u) - 'a' < 26u || unsigned(c) - '0' < 10u; }
 
     static std::uint32_t gram(const unsigned char *p, std::uint32_t n, const ByteMap &f)
     {
@@ -1170,7 +1180,7 @@ bool wanted(const List &l, const Use &u, const Options &o)
 }
 
 /* A fixed-size index of n entries, when the memory is there. */
-template <class Index, class List, class Make>
+template <class List, class Make>
 Accel *fixed(const List &l, const Options &o, Budget &b, Make make)
 {
     const std::uint64_t n = entries_of(l);
@@ -1185,11 +1195,11 @@ Accel *index_list(const List &l, const Use &u, const Options &o, const Payload &
 {
     if constexpr (std::is_same_v<List, ip_rng_list_st> || std::is_same_v<List, ipv6_rng_list_st> ||
                   std::is_same_v<List, port_rng_list_st>) {
-        return fixed<Accel>(l, o, b, [](const List &x, Budget &bb) -> Accel * { return index_ranges(x, bb); });
+        return fixed(l, o, b, [](const List &x, Budget &bb) -> Accel * { return index_ranges(x, bb); });
     } else if constexpr (std::is_same_v<List, iimap_list_st> || std::is_same_v<List, ismap_list_st>) {
-        return fixed<Accel>(l, o, b, [](const List &x, Budget &bb) -> Accel * { return index_int_keys(x, bb); });
+        return fixed(l, o, b, [](const List &x, Budget &bb) -> Accel * { return index_int_keys(x, bb); });
     } else if constexpr (std::is_same_v<List, ipv6imap_list_st>) {
-        return fixed<Accel>(l, o, b, [](const List &x, Budget &bb) -> Accel * { return index_ipv6_keys(x, bb); });
+        return fixed(l, o, b, [](const List &x, Budget &bb) -> Accel * { return index_ipv6_keys(x, bb); });
     } else if constexpr (std::is_same_v<List, simap_list_st> || std::is_same_v<List, sipv6map_list_st> ||
                          std::is_same_v<List, ssmap_list_st>) {
         using R = MapRecord<List>;

@@ -84,24 +84,18 @@ struct Risk {
 std::string describe(const TAZE_CountedString &s) { return s.ptr ? text_of(s.ptr, s.len) : "<none>"; }
 std::string describe(std::uint32_t v) { return std::to_string(v); }
 std::string describe(const TAZE_IPv6 &a) { return std::to_string(a.bytes[0]) + "." + std::to_string(a.bytes[15]); }
-template <typename K, typename V>
-std::string describe(const K &key, std::uint32_t n, const V *values)
-{
-    return describe(key) + " #" + std::to_string(n) + (n && values ? " " + describe(values[0]) : "");
-}
-std::string describe(const TAZE_StringIntMap &m) { return describe(m.string, m.nr_ints, m.ints); }
-std::string describe(const TAZE_StringIPv6Map &m) { return describe(m.string, m.nr_ipv6s, m.ipv6s); }
-std::string describe(const TAZE_IPv6IntMap &m) { return describe(m.ipv6, m.nr_ints, m.ints); }
-std::string describe(const TAZE_IntIntMap &m) { return describe(m.integer, m.nr_ints, m.ints); }
-std::string describe(const TAZE_IntStringMap &m) { return describe(m.integer, m.nr_strs, m.strs); }
-std::string describe(const TAZE_StringStringMap &m) { return describe(m.string, m.nr_strs, m.strs); }
 
-/* A map record borrowed from the pattern. */
+/* A map record borrowed from the pattern: every record is a key, a value
+ * count and the values. */
 template <typename R>
 struct Record {
     R r{};
     auto outputs() { return std::make_tuple(&r); }
-    std::string text() const { return describe(r); }
+    std::string text() const
+    {
+        const auto &[key, n, values] = r;
+        return describe(key) + " #" + std::to_string(n) + (n && values ? " " + describe(values[0]) : "");
+    }
 };
 
 /* A getter with outputs Out: its result code and the outputs' text. */
@@ -400,6 +394,7 @@ TEST(Stress, QueryTableAnswers)
     PatternDir d;
     const Expected e = expected_answers(d);
     ASSERT_EQ(e.table.size(), e.answers.size());
+    EXPECT_GT(e.table.size(), 400u);
     auto answer = [&e](const std::string &name) {
         for (std::size_t i = 0; i < e.table.size(); ++i)
             if (e.table[i].name == name) return e.answers[i];

@@ -8,7 +8,7 @@
 #include <ostream>
 #include <set>
 
-#include "inspect_commands.h"
+#include "examine_commands.h"
 #include "taze_impl.h"
 
 namespace tazi {

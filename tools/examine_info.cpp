@@ -5,7 +5,7 @@
 #include <ostream>
 #include <sstream>
 
-#include "inspect_commands.h"
+#include "examine_commands.h"
 #include "taze_impl.h"
 #include "tazeptn.h"
 

@@ -2,7 +2,7 @@
  * (taze --help lists the commands). */
 #include <iostream>
 
-#include "inspect_commands.h"
+#include "examine_commands.h"
 
 int main(int argc, char **argv)
 {

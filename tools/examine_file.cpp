@@ -1,6 +1,6 @@
 /* The inspector's core: container layout, loading through the library's
  * reader, the section stream of a payload and typed family access. */
-#include "inspect.h"
+#include "examine.h"
 
 #include <arpa/inet.h>
 

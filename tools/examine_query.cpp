@@ -11,7 +11,7 @@
 #include <optional>
 #include <ostream>
 
-#include "inspect_commands.h"
+#include "examine_commands.h"
 #include "tazapi.h"
 
 namespace tazi {

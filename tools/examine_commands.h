@@ -9,7 +9,7 @@
 #include <string>
 #include <vector>
 
-#include "inspect.h"
+#include "examine.h"
 
 namespace tazi {
 

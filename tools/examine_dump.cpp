@@ -10,7 +10,7 @@
 #include <set>
 #include <unordered_set>
 
-#include "inspect_commands.h"
+#include "examine_commands.h"
 
 namespace tazi {
 

@@ -5,7 +5,7 @@
  * through the library's streaming reader, the section stream of a loaded
  * payload, and typed access to the list and map families of an image. The
  * commands (info, dump, verify, query, pick) are declared in
- * inspect_commands.h. */
+ * examine_commands.h. */
 #ifndef TAZE_INSPECT_H
 #define TAZE_INSPECT_H
 

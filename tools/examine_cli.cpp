@@ -3,7 +3,7 @@
 #include <cctype>
 #include <ostream>
 
-#include "inspect_commands.h"
+#include "examine_commands.h"
 
 namespace tazi {
 

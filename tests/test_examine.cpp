@@ -12,7 +12,7 @@
 #include <set>
 #include <sstream>
 
-#include "inspect_commands.h"
+#include "examine_commands.h"
 #include "taze_impl.h"
 #include "tazewriter_info.h"
 #include "test_support.h"

@@ -12,7 +12,7 @@
 #include <ostream>
 #include <set>
 
-#include "inspect_commands.h"
+#include "examine_commands.h"
 #include "tazapi.h"
 #include "taze_file.h"
 #include "tazeptn.h"
