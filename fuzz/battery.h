@@ -21,6 +21,7 @@
 #include "taze_impl.h"
 #include "taze_ptn.h"
 #include "taze_util.h"
+#include "vkc.h"
 
 namespace tazf {
 
@@ -345,6 +346,14 @@ inline std::uint64_t exercise(const taz_pattern_st *img, const std::uint8_t *dat
     Battery b(p);
     b.run(img);
     return b.sink();
+}
+
+/* The battery over both images of a loaded-pattern record (if any). */
+inline void exercise_record(const _TAZPattern *rec, const std::uint8_t *data, std::size_t size)
+{
+    if (!rec) return;
+    exercise(rec->taz_ptn, data, size);
+    exercise(rec->ulm_ptn, data, size);
 }
 
 } // namespace tazf

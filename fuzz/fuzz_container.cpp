@@ -14,11 +14,7 @@ TAZF_QUIET_INITIALIZER
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t *data, std::size_t size)
 {
-    const auto use = [data, size](const _TAZPattern *rec) {
-        if (!rec) return;
-        tazf::exercise(rec->taz_ptn, data, size);
-        tazf::exercise(rec->ulm_ptn, data, size);
-    };
+    const auto use = [data, size](const _TAZPattern *rec) { tazf::exercise_record(rec, data, size); };
     const tazf::Outcome pieces = tazf::read_container(data, size, [] { return 32; }, use);
     const tazf::Outcome whole =
         tazf::read_container(data, size, [size] { return int(std::min<std::size_t>(size, 1u << 30)); },

@@ -16,7 +16,7 @@
 #include <cstring>
 #include <string>
 
-#include "dir_spec.h"
+#include "dir_layout.h"
 #include "harness.h"
 #include "taze_file.h"
 #include "tazeptn.h"

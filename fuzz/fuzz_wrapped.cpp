@@ -38,11 +38,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t *data, std::size_t size
     tazf::ChunkSizes sizes(seed);
     const tazf::Outcome chunked = tazf::read_container(
         file.data(), file.size(), [&sizes] { return sizes.next(); },
-        [data, size](const _TAZPattern *rec) {
-            if (!rec) return;
-            tazf::exercise(rec->taz_ptn, data, size);
-            tazf::exercise(rec->ulm_ptn, data, size);
-        });
+        [data, size](const _TAZPattern *rec) { tazf::exercise_record(rec, data, size); });
     const tazf::Outcome whole = tazf::read_container(
         file.data(), file.size(), [&file] { return int(file.size()); }, [](const _TAZPattern *) {});
     if (!(chunked == whole)) std::abort();

@@ -6,8 +6,8 @@
 #     handle while it is reloaded, and the damaged-file sweeps.
 #  2. The fuzz smoke: every libFuzzer target for FUZZ_SECONDS (default 30)
 #     after its checked-in regression inputs (scripts/fuzz.sh).
-# About 8 minutes on 2 cores from empty build trees (build/tsan, build/fuzz),
-# about 4 minutes once they are built.
+# About 5 minutes on 2 cores from empty build trees (build/tsan, build/fuzz),
+# about 3.5 minutes once they are built (mostly the 6 x 30 s of fuzzing).
 set -euo pipefail
 cd "$(dirname "$0")/.."
 fuzz_seconds=${1:-30}

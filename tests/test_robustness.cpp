@@ -21,7 +21,7 @@
 #include <vector>
 
 #include "../fuzz/battery.h"
-#include "../fuzz/dir_spec.h"
+#include "../fuzz/dir_layout.h"
 #include "../fuzz/harness.h"
 #include "../fuzz/samples.h"
 #include "taze_file.h"
@@ -308,9 +308,7 @@ tazf::Outcome read_container(const Bytes &file, const std::string &what)
     tazf::Outcome o;
     const Heap h = measure([&] {
         o = tazf::read_container(file.data(), file.size(), [] { return 32; }, [&file](const _TAZPattern *rec) {
-            if (!rec) return;
-            tazf::exercise(rec->taz_ptn, file.data(), file.size());
-            tazf::exercise(rec->ulm_ptn, file.data(), file.size());
+            tazf::exercise_record(rec, file.data(), file.size());
         });
     });
     expect_bounded(h, file.size(), what);

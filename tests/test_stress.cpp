@@ -9,7 +9,8 @@
  *
  * Two hosts are modelled: a C host that serialises TAZE_ReloadPatternDir
  * against its queries with a read-write lock, and a C++ host that uses
- * taze::reloading_handle, whose readers take no lock at all. Iterations are
+ * taze::reloading_handle, whose readers take no lock at all. Separate
+ * handles also load and query on several threads at once. Iterations are
  * bounded; the ThreadSanitizer build (scripts/hardening.sh) checks that
  * nothing races. */
 #include <atomic>
@@ -461,6 +462,29 @@ TEST(Stress, ReloadingHandleWithoutLocks)
         [&] { return rh.try_reload() ? 1 : 0; });
     EXPECT_EQ(found.count(), 0) << found.text();
     EXPECT_EQ(rh.generation(), std::uint64_t(1 + kReloads));
+}
+
+/* Handles of their own, loaded and released on several threads at once
+ * (the library's one-time set-up of the cipher library included). */
+TEST(Stress, SeparateHandlesLoadInParallel)
+{
+    PatternDir d;
+    const Expected e = expected_answers(d);
+    Findings found;
+    std::vector<std::thread> threads;
+    for (int r = 0; r < kReaders; ++r)
+        threads.emplace_back([&] {
+            for (int round = 0; round < 3; ++round) {
+                TAZE *h = nullptr;
+                if (TAZE_Init(&h) != 0 || TAZE_LoadPatternDir(h, d.dir().c_str(), kPrefix) != 0)
+                    found.note("load failed");
+                else
+                    check_all(h, e.table, e.answers, e.versions, found);
+                TAZE_Fini(h);
+            }
+        });
+    for (std::thread &t : threads) t.join();
+    EXPECT_EQ(found.count(), 0) << found.text();
 }
 
 } // namespace
