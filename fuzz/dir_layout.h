@@ -1,8 +1,8 @@
 /* The directory that a fuzz input of the directory target describes (see
  * tazf::dir_input): building it, and emptying it again. Shared by the fuzz
  * target and the regression tests. */
-#ifndef TAZE_FUZZ_DIR_SPEC_H
-#define TAZE_FUZZ_DIR_SPEC_H
+#ifndef TAZE_FUZZ_DIR_LAYOUT_H
+#define TAZE_FUZZ_DIR_LAYOUT_H
 
 #include <dirent.h>
 #include <sys/stat.h>
@@ -102,4 +102,4 @@ inline void build_dir(const std::string &dir, const std::string &text, std::stri
 
 } // namespace tazf
 
-#endif /* TAZE_FUZZ_DIR_SPEC_H */
+#endif /* TAZE_FUZZ_DIR_LAYOUT_H */
