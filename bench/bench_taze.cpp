@@ -547,38 +547,21 @@ void register_load(std::size_t mib)
     })->Unit(benchmark::kMillisecond)->UseRealTime()->MinTime(1.0);
 }
 
-/* Peak heap of a fresh process loading one file (VmHWM growth). */
-long status_kib(const char *field)
-{
-    std::ifstream f("/proc/self/status");
-    std::string line;
-    while (std::getline(f, line))
-        if (line.rfind(field, 0) == 0) return std::atol(line.c_str() + std::strlen(field));
-    return -1;
-}
-
-int peak_load(const char *path)
-{
-    TAZE *h = nullptr;
-    TAZE_Init(&h);
-    const long before = status_kib("VmRSS:");
-    const int rc = TAZE_LoadPattern(h, path);
-    const long peak = status_kib("VmHWM:");
-    std::printf("%ld\n", rc == 0 ? peak - before : -1);
-    TAZE_Fini(h);
-    return rc == 0 ? 0 : 1;
-}
-
+/* Peak memory of a load as a multiple of the file's size, measured by the
+ * bench_load_peak program beside this one (a fresh process with a counting
+ * allocator), or -1. */
 double peak_ratio(const std::string &path)
 {
     char self[4096] = {};
     if (readlink("/proc/self/exe", self, sizeof self - 1) <= 0) return -1;
-    const std::string cmd = std::string("'") + self + "' --peak-load '" + path + "'";
+    std::string tool = self;
+    tool = tool.substr(0, tool.rfind('/') + 1) + "bench_load_peak";
+    const std::string cmd = "'" + tool + "' '" + path + "'";
     FILE *p = popen(cmd.c_str(), "r");
-    long kib = -1;
-    if (p && std::fscanf(p, "%ld", &kib) != 1) kib = -1;
+    long long bytes = -1;
+    if (p && std::fscanf(p, "%lld", &bytes) != 1) bytes = -1;
     if (p) pclose(p);
-    return kib < 0 ? -1 : double(kib) * 1024 / double(file_size(path));
+    return bytes < 0 ? -1 : double(bytes) / double(file_size(path));
 }
 
 // ---- The ratio table -----------------------------------------------------------------------
@@ -676,7 +659,6 @@ void print_table(const Collector &c, const std::vector<std::size_t> &sizes, cons
 
 int main(int argc, char **argv)
 {
-    if (argc == 3 && std::strcmp(argv[1], "--peak-load") == 0) return peak_load(argv[2]);
     if (argc == 4 && std::strcmp(argv[1], "--write-load-file") == 0) { /* for profiling a load */
         const std::string made = load_file(std::size_t(std::atol(argv[2])));
         return std::rename(made.c_str(), argv[3]) == 0 ? 0 : 1;

@@ -43,6 +43,8 @@ INT32 getULMData(QDPatternBuf *p);
 INT32 getRawPatternData(QDPatternBuf *p);
 INT32 getSkipData(QDPatternBuf *p);
 INT32 trapFun(QDPatternBuf *p);
+int adoptTAZPattern(struct _TAZPattern *rec, unsigned char *buf, UINT32 len, size_t capacity);
+int adoptULMPattern(struct _TAZPattern *rec, unsigned char *buf, UINT32 len, size_t capacity);
 
 INT32 getMainHeaderPeek(QDPatternBuf *p);
 INT32 getSubHeaderPeek(QDPatternBuf *p);
@@ -113,15 +115,18 @@ INT32 available(const QDPatternBuf *p)
 /* Body buffers grow with the bytes that arrive, so that a claimed body
  * length costs memory only as the file delivers it (a 60-byte file may
  * claim 2 GiB). The capacity for `collected` bytes of a body of `size`
- * bytes: 64 KiB, doubled until it holds them, never beyond the body. A
- * complete body fills its buffer exactly. */
+ * bytes: 64 KiB, doubled until it holds them and the padding an image
+ * puts after its payload, never beyond the body and that padding. A
+ * complete body leaves exactly the padding free, so that the image can
+ * take the buffer over as its payload copy. */
 constexpr std::uint64_t kBodyFirstCapacity = 64 * 1024;
 
 size_t bodyCapacity(INT32 collected, INT32 size)
 {
     std::uint64_t cap = kBodyFirstCapacity;
-    while (cap < static_cast<std::uint64_t>(collected)) cap *= 2;
-    return static_cast<size_t>(cap < static_cast<std::uint64_t>(size) ? cap : static_cast<std::uint64_t>(size));
+    while (cap < static_cast<std::uint64_t>(collected) + TAZ_PTN_PAD) cap *= 2;
+    const std::uint64_t full = static_cast<std::uint64_t>(size) + TAZ_PTN_PAD;
+    return static_cast<size_t>(cap < full ? cap : full);
 }
 
 /* Free the body buffer and forget it. */
@@ -272,13 +277,20 @@ bool decryptBody(QDPatternBuf *p)
     return decBuf(&p->encHead, p->tmp) == KORM_TFSH_MD5_SUCCESS;
 }
 
-/* A complete TAZ or ULM body: decrypt, load, free the body. */
-template <int (*Parse)(struct _TAZPattern *, unsigned char *, int)>
+/* A complete TAZ or ULM body: decrypt it and hand it over to the image
+ * loader, which keeps it as the image's payload copy or frees it. */
+template <int (*Adopt)(struct _TAZPattern *, unsigned char *, UINT32, size_t)>
 INT32 useImageBody(QDPatternBuf *p)
 {
-    bool ok = decryptBody(p) && Parse(p->pTAZPattern, p->tmp, static_cast<int>(p->encHead.declen)) == 0;
+    if (!decryptBody(p)) {
+        dropBody(p);
+        return kReadFailed;
+    }
+    unsigned char *body = p->tmp;
+    const size_t capacity = bodyCapacity(p->tmpSize, p->tmpSize);
+    p->tmp = nullptr;
     dropBody(p);
-    return ok ? 0 : kReadFailed;
+    return Adopt(p->pTAZPattern, body, p->encHead.declen, capacity) == 0 ? 0 : kReadFailed;
 }
 
 /* A complete raw body becomes the raw record's data (a second raw body
@@ -325,8 +337,8 @@ INT32 getMainHeader(QDPatternBuf *p) { return mainHeaderStep<kLoadChain>(p); }
 INT32 getSubHeader(QDPatternBuf *p) { return subHeaderStep<kLoadChain>(p); }
 INT32 getSpecificOffset(QDPatternBuf *p) { return specificOffsetStep<kLoadChain>(p); }
 INT32 getEncHead(QDPatternBuf *p) { return encHeadStep<kLoadChain>(p); }
-INT32 getTAZEData(QDPatternBuf *p) { return collectStep<useImageBody<parseTAZPattern>>(p); }
-INT32 getULMData(QDPatternBuf *p) { return collectStep<useImageBody<parseULMPattern>>(p); }
+INT32 getTAZEData(QDPatternBuf *p) { return collectStep<useImageBody<adoptTAZPattern>>(p); }
+INT32 getULMData(QDPatternBuf *p) { return collectStep<useImageBody<adoptULMPattern>>(p); }
 INT32 getRawPatternData(QDPatternBuf *p) { return collectStep<useRawBody>(p); }
 INT32 getSkipData(QDPatternBuf *p) { return skipStep<kLoadChain, false>(p); }
 
@@ -397,14 +409,11 @@ void delPatternBufferPeek(QDPatternBuf *p)
     std::free(p);
 }
 
-/* Load a payload into one image slot of the record. A second body of the
+/* Put a new image into one image slot of the record. A second body of the
  * same kind replaces the first image, which is released. */
-template <taz_pattern_st *(*Load)(const unsigned char *, UINT32), void (*Unload)(taz_pattern_st *),
-          taz_pattern_st *_TAZPattern::*Slot>
-int parseImage(struct _TAZPattern *rec, unsigned char *buf, int len)
+template <void (*Unload)(taz_pattern_st *), taz_pattern_st *_TAZPattern::*Slot>
+int storeImage(struct _TAZPattern *rec, taz_pattern_st *img)
 {
-    if (!rec || !buf || len < 0) return -1;
-    taz_pattern_st *img = Load(buf, static_cast<UINT32>(len));
     if (!img) return -1;
     taz_pattern_st *old = rec->*Slot;
     if (old) {
@@ -413,6 +422,37 @@ int parseImage(struct _TAZPattern *rec, unsigned char *buf, int len)
     }
     rec->*Slot = img;
     return 0;
+}
+
+/* Load a copy of a payload into one image slot of the record. */
+template <taz_pattern_st *(*Load)(const unsigned char *, UINT32), void (*Unload)(taz_pattern_st *),
+          taz_pattern_st *_TAZPattern::*Slot>
+int parseImage(struct _TAZPattern *rec, unsigned char *buf, int len)
+{
+    if (!rec || !buf || len < 0) return -1;
+    return storeImage<Unload, Slot>(rec, Load(buf, static_cast<UINT32>(len)));
+}
+
+/* The same with the payload buffer itself, which the image takes over (or
+ * which is freed when no image results). */
+template <taz_pattern_st *(*Adopt)(unsigned char *, UINT32, size_t), void (*Unload)(taz_pattern_st *),
+          taz_pattern_st *_TAZPattern::*Slot>
+int adoptImage(struct _TAZPattern *rec, unsigned char *buf, UINT32 len, size_t capacity)
+{
+    if (!rec) {
+        std::free(buf);
+        return -1;
+    }
+    return storeImage<Unload, Slot>(rec, Adopt(buf, len, capacity));
+}
+
+int adoptTAZPattern(struct _TAZPattern *rec, unsigned char *buf, UINT32 len, size_t capacity)
+{
+    return adoptImage<taz_adopt_pattern, taz_unload_pattern, &_TAZPattern::taz_ptn>(rec, buf, len, capacity);
+}
+int adoptULMPattern(struct _TAZPattern *rec, unsigned char *buf, UINT32 len, size_t capacity)
+{
+    return adoptImage<ulm_adopt_pattern, ulm_unload_pattern, &_TAZPattern::ulm_ptn>(rec, buf, len, capacity);
 }
 
 } // namespace

@@ -102,6 +102,9 @@ struct Budget {
     }
 };
 
+/* Bytes reserved for the fixed parts of one index. */
+constexpr std::uint64_t kIndexBase = 8192;
+
 inline void prefetch(const void *p) { __builtin_prefetch(p); }
 
 // ---- Folding and words -------------------------------------------------------------
@@ -267,22 +270,24 @@ private:
         std::uint32_t idx; /* entry number, kEmpty for a free slot */
         std::uint32_t tag; /* low bits of the hash */
         std::uint32_t off; /* the entry's text, from the payload start */
-        std::uint32_t len; /* its view's length */
     };
+    static_assert(sizeof(Slot) == 12, "three words a slot");
 
     std::size_t slot_of(std::uint64_t h) const
     {
         return std::size_t((unsigned __int128)(h >> 32 | h << 32) * slots_.size() >> 64);
     }
 
+    /* The entry's NUL-terminated view equals the key: the bytes agree and
+     * the view ends where the key does (the key holds no NUL, so the
+     * comparison stops at the view's end at the latest). */
     bool same(const unsigned char *key, std::size_t klen, const Slot &s) const
     {
-        if (klen != s.len) return false;
         const unsigned char *p = base_ + s.off;
         const ByteMap &m = byte_map(fold_);
         for (std::size_t j = 0; j < klen; ++j)
             if (m[key[j]] != m[p[j]]) return false;
-        return true;
+        return p[klen] == 0;
     }
 
     bool fill(const Texts &t, bool fold, const Payload &pl, Budget &b)
@@ -298,7 +303,6 @@ private:
          * that the slots' cache misses overlap. */
         constexpr std::uint32_t kBlock = 32;
         std::uint64_t hashes[kBlock];
-        std::uint32_t lens[kBlock];
         for (std::uint32_t first = 0; first < n; first += kBlock) {
             const std::uint32_t count = std::min(kBlock, n - first);
             for (std::uint32_t j = 0; j < count; ++j) {
@@ -310,14 +314,13 @@ private:
                 /* Strictly ascending: the bisection meets the one equal entry. */
                 if (i > 0 && cmp(&t.at(i - 1), &s) >= 0) return false;
                 hashes[j] = hash_bytes(s.ptr, std::size_t(len), fold);
-                lens[j] = std::uint32_t(len);
                 prefetch(&slots_[slot_of(hashes[j])]);
             }
             for (std::uint32_t j = 0; j < count; ++j) {
                 std::size_t k = slot_of(hashes[j]);
                 while (slots_[k].idx != kEmpty) k = k + 1 == slots_.size() ? 0 : k + 1;
                 const unsigned char *text = t.at(first + j).ptr;
-                slots_[k] = {first + j, std::uint32_t(hashes[j]), std::uint32_t(text - pl.begin), lens[j]};
+                slots_[k] = {first + j, std::uint32_t(hashes[j]), std::uint32_t(text - pl.begin)};
             }
         }
         return true;
@@ -459,11 +462,36 @@ struct KeyNode {
     }
 };
 
+/* An index searched by a number or by 16 address bytes: Derived::search(Key)
+ * answers both kinds of key, whichever Key is. */
+template <class Derived, class Key>
+struct KeyedAccel : Accel {
+    std::int64_t find(std::uint32_t key) const override
+    {
+        if constexpr (std::is_same_v<Key, U128>)
+            return kPlain;
+        else
+            return self().search(Key(key));
+    }
+    std::int64_t find(const unsigned char *key) const override
+    {
+        if constexpr (std::is_same_v<Key, U128>)
+            return key ? self().search(U128::of(key)) : kPlain;
+        else
+            return kPlain;
+    }
+
+private:
+    const Derived &self() const { return static_cast<const Derived &>(*this); }
+};
+
 /* Index of a range list or of fixed-size map keys. `Key` is what a search
  * key becomes: a number, or the 16 address bytes. */
 template <class Node, class Key>
-class FixedIndex final : public Accel {
+class FixedIndex final : public KeyedAccel<FixedIndex<Node, Key>, Key> {
 public:
+    static constexpr std::uint64_t kNodeBytes = sizeof(Node);
+
     template <class Items, class ToNode>
     static FixedIndex *make(const Items *items, std::uint32_t n, ToNode to_node, Budget &b)
     {
@@ -480,22 +508,8 @@ public:
         return x;
     }
 
-    std::int64_t find(std::uint32_t key) const override
-    {
-        if constexpr (std::is_same_v<Key, U128>)
-            return kPlain;
-        else
-            return search(Key(key));
-    }
-    std::int64_t find(const unsigned char *key) const override
-    {
-        if constexpr (std::is_same_v<Key, U128>)
-            return key ? search(U128::of(key)) : kPlain;
-        else
-            return kPlain;
-    }
-
 private:
+    friend KeyedAccel<FixedIndex, Key>;
     std::int64_t search(const Key &k) const
     {
         return tree_.descend([&](const Node &nd) { return nd.decide(k); });
@@ -509,24 +523,125 @@ using Ipv6Ranges = FixedIndex<RangeNode<U128>, U128>;
 using IntKeys = FixedIndex<KeyNode<std::uint32_t>, std::uint32_t>;
 using Ipv6Keys = FixedIndex<KeyNode<U128>, U128>;
 
-Ipv4Ranges *index_ranges(const ip_rng_list_st &l, Budget &b)
+/* A stored range as the indexes keep it. */
+RangeNode<std::uint32_t> range_of(const ip_rng_st &r) { return {r.ip_l, r.ip_h}; }
+RangeNode<std::uint16_t> range_of(const port_rng_st &r) { return {r.port_l, r.port_h}; }
+RangeNode<U128> range_of(const ipv6_rng_st &r) { return {U128::of(r.ipv6_l.bytes), U128::of(r.ipv6_h.bytes)}; }
+
+template <class Index, class Item>
+Index *range_tree(const Item *items, std::uint32_t n, Budget &b)
 {
-    return Ipv4Ranges::make(l.ip_ranges, l.nr_ip_ranges, [](const ip_rng_st &r, std::uint32_t) {
-        return RangeNode<std::uint32_t>{r.ip_l, r.ip_h};
-    }, b);
+    return Index::make(items, n, [](const Item &r, std::uint32_t) { return range_of(r); }, b);
 }
+Ipv4Ranges *index_ranges(const ip_rng_list_st &l, Budget &b) { return range_tree<Ipv4Ranges>(l.ip_ranges, l.nr_ip_ranges, b); }
 PortRanges *index_ranges(const port_rng_list_st &l, Budget &b)
 {
-    return PortRanges::make(l.port_ranges, l.nr_port_ranges, [](const port_rng_st &r, std::uint32_t) {
-        return RangeNode<std::uint16_t>{r.port_l, r.port_h};
-    }, b);
+    return range_tree<PortRanges>(l.port_ranges, l.nr_port_ranges, b);
 }
 Ipv6Ranges *index_ranges(const ipv6_rng_list_st &l, Budget &b)
 {
-    return Ipv6Ranges::make(l.ipv6_ranges, l.nr_ipv6_ranges, [](const ipv6_rng_st &r, std::uint32_t) {
-        return RangeNode<U128>{U128::of(r.ipv6_l.bytes), U128::of(r.ipv6_h.bytes)};
-    }, b);
+    return range_tree<Ipv6Ranges>(l.ipv6_ranges, l.nr_ipv6_ranges, b);
 }
+
+// ---- Ordered ranges: a bucket table --------------------------------------------------------
+
+/* A key as one unsigned number, for picking its bucket. */
+template <class B>
+using Wide = std::conditional_t<std::is_same_v<B, U128>, unsigned __int128, std::uint64_t>;
+inline std::uint64_t wide(std::uint32_t k) { return k; }
+inline std::uint64_t wide(std::uint16_t k) { return k; }
+inline unsigned __int128 wide(const U128 &k) { return (static_cast<unsigned __int128>(k.hi) << 64) | k.lo; }
+
+/* Index of a range list whose ranges ascend without touching (each low <=
+ * high < the next low). Over such a list the bisection's comparison is
+ * monotone, so the bisection finds a range holding the key exactly when
+ * there is one, and there is at most one. The span from the first low to
+ * the last high is cut into equal buckets; first_[b] is the first range
+ * ending in bucket b or later, so the range that can hold a key is among
+ * the few between the first ranges of its bucket and of the next one.
+ * Lists of any other shape keep the tree or the plain search. */
+template <class B, class Item>
+class OrderedRanges final : public KeyedAccel<OrderedRanges<B, Item>, B> {
+    using W = Wide<B>;
+
+public:
+    static OrderedRanges *make(const Item *items, std::uint32_t n, Budget &b)
+    {
+        if (items == nullptr || n == 0 || n > 0x7FFFFFFFu) return nullptr;
+        for (std::uint32_t i = 0; i < n; ++i) {
+            const RangeNode<B> r = range_of(items[i]);
+            if (order(r.low, r.high) > 0 || (i > 0 && order(range_of(items[i - 1]).high, r.low) >= 0)) return nullptr;
+        }
+        std::uint32_t bits = 1;
+        while (bits < 20 && (std::uint64_t(4) << bits) <= n) ++bits;
+        const std::uint64_t buckets = std::uint64_t(1) << bits;
+        if (!b.reserve(kIndexBase + (buckets + 1) * 4) || !b.take(n * sizeof(Item))) return nullptr;
+        auto *x = new (std::nothrow) OrderedRanges;
+        if (x == nullptr || !x->first_.allocate(buckets + 1)) {
+            delete x;
+            return nullptr;
+        }
+        x->items_ = items;
+        x->n_ = n;
+        x->base_ = wide(range_of(items[0]).low);
+        x->top_ = wide(range_of(items[n - 1]).high);
+        const W span = x->top_ - x->base_;
+        while ((span >> x->shift_) >= buckets) ++x->shift_;
+        std::uint32_t i = 0;
+        for (std::uint64_t k = 0; k <= buckets; ++k) {
+            while (i < n && x->bucket(range_of(items[i]).high) < k) ++i;
+            x->first_[k] = i;
+        }
+        return x;
+    }
+
+private:
+    friend KeyedAccel<OrderedRanges, B>;
+    std::uint64_t bucket(const B &k) const { return static_cast<std::uint64_t>((wide(k) - base_) >> shift_); }
+
+    std::int64_t search(const B &k) const
+    {
+        const W w = wide(k);
+        if (w < base_ || w > top_) return kMiss;
+        const std::uint64_t at = bucket(k);
+        /* The first range ending at or after k: ranges before first_[at]
+         * end in earlier buckets, the range first_[at + 1] ends after k. */
+        std::uint32_t i = first_[at], len = first_[at + 1] - first_[at];
+        while (len > 0) {
+            const std::uint32_t half = len / 2;
+            const bool right = order(range_of(items_[i + half]).high, k) < 0;
+            i += right ? half + 1 : 0;
+            len = right ? len - half - 1 : half;
+        }
+        return i < n_ && order(k, range_of(items_[i]).low) >= 0 ? 0 : kMiss;
+    }
+
+    const Item *items_ = nullptr; /* the list's own records */
+    std::uint32_t n_ = 0;
+    Array<std::uint32_t> first_;
+    W base_ = 0, top_ = 0;
+    unsigned shift_ = 0;
+};
+
+template <class B, class Item>
+Accel *ordered_ranges(const Item *items, std::uint32_t n, Budget &b)
+{
+    return OrderedRanges<B, Item>::make(items, n, b);
+}
+
+Accel *index_ordered_ranges(const ip_rng_list_st &l, Budget &b)
+{
+    return ordered_ranges<std::uint32_t>(l.ip_ranges, l.nr_ip_ranges, b);
+}
+Accel *index_ordered_ranges(const port_rng_list_st &l, Budget &b)
+{
+    return ordered_ranges<std::uint16_t>(l.port_ranges, l.nr_port_ranges, b);
+}
+Accel *index_ordered_ranges(const ipv6_rng_list_st &l, Budget &b)
+{
+    return ordered_ranges<U128>(l.ipv6_ranges, l.nr_ipv6_ranges, b);
+}
+
 template <class List>
 IntKeys *index_int_keys(const List &l, Budget &b)
 {
@@ -802,16 +917,11 @@ struct Candidate {
 
 class GramTable {
 public:
-    bool allocate(std::size_t n)
-    {
-        std::size_t cap = 16;
-        while (cap < 2 * n) cap *= 2;
-        return slots_.allocate(cap);
-    }
+    /* Room for n grams at two thirds load at the most. */
+    bool allocate(std::size_t n) { return slots_.allocate(std::max<std::size_t>(16, n + n / 2 + 1)); }
     GramSlot *find(std::uint32_t g) const
     {
-        const std::size_t mask = slots_.size() - 1;
-        for (std::size_t i = (g * 0x9E3779B1u) & mask;; i = (i + 1) & mask) {
+        for (std::size_t i = home(g);; i = next(i)) {
             const GramSlot &s = slots_[i];
             if (s.used == 0) return nullptr;
             if (s.gram == g) return const_cast<GramSlot *>(&s);
@@ -819,8 +929,7 @@ public:
     }
     GramSlot &insert(std::uint32_t g)
     {
-        const std::size_t mask = slots_.size() - 1;
-        for (std::size_t i = (g * 0x9E3779B1u) & mask;; i = (i + 1) & mask) {
+        for (std::size_t i = home(g);; i = next(i)) {
             GramSlot &s = slots_[i];
             if (s.used == 0) {
                 s = {g, 0, 0, 1};
@@ -833,6 +942,8 @@ public:
     GramSlot &at(std::size_t i) { return slots_[i]; }
 
 private:
+    std::size_t home(std::uint32_t g) const { return std::size_t(std::uint64_t(g * 0x9E3779B1u) * slots_.size() >> 32); }
+    std::size_t next(std::size_t i) const { return i + 1 == slots_.size() ? 0 : i + 1; }
     Array<GramSlot> slots_;
 };
 
@@ -986,6 +1097,7 @@ private:
             candidates_[s->first + s->count++] = {i, anchor_[i]};
         }
         candidates_.shrink(next);
+        anchor_.allocate(0); /* needed only while building */
         return build_filter(anchored);
     }
 
@@ -1035,19 +1147,41 @@ struct Use {
     Selection selection;
 };
 
-/* Most bytes an index of n entries allocates (fixed parts included). */
-constexpr std::uint64_t kIndexBase = 8192;
-std::uint64_t text_index_bytes(Match m, std::uint64_t n) { return kIndexBase + n * (m == Match::Substr ? 112 : 48); }
+/* Indexes are built in two rounds: first the hash tables, bucket tables
+ * and substring filters, which gain the most for their memory, then the
+ * decision trees with the memory left. */
+enum class Round { Direct, Trees };
 
-Accel *index_texts(const Texts &t, const Use &u, const Options &o, const Payload &pl, Budget &b)
+/* make() under a reservation of `bytes` of the memory budget, which is
+ * given back when make() builds nothing. */
+template <class Make>
+Accel *within(Budget &b, std::uint64_t bytes, Make make)
 {
-    const bool hash = u.match == Match::Exact && o.hash_exact && t.count >= o.min_entries;
-    const bool tree = u.match != Match::Substr && t.count >= o.min_tree_entries;
-    if (u.match == Match::Substr ? t.count < o.min_substr_entries : !hash && !tree) return nullptr;
-    if (!b.reserve(text_index_bytes(u.match, t.count))) return nullptr;
-    if (u.match == Match::Substr) return SubstrIndex::make(t, u.fold, pl, b);
-    Accel *a = hash ? HashIndex::make(t, u.fold, pl, b) : nullptr;
-    return a != nullptr || !tree ? a : TextTree::make(t, u.match, u.fold, pl, b);
+    if (!b.reserve(bytes)) return nullptr;
+    Accel *a = make();
+    if (a == nullptr) b.memory += bytes;
+    return a;
+}
+
+/* Most bytes a decision tree over n entries allocates. */
+std::uint64_t tree_bytes(std::uint64_t n, std::uint64_t node) { return kIndexBase + (std::uint64_t(1) << depth_of(n)) * node; }
+
+Accel *index_texts(const Texts &t, const Use &u, const Options &o, const Payload &pl, Budget &b, Round r)
+{
+    const std::uint64_t n = t.count;
+    if (r == Round::Trees) {
+        if (u.match == Match::Substr || n < o.min_tree_entries) return nullptr;
+        /* The nodes, and one word per entry while building. */
+        return within(b, tree_bytes(n, sizeof(TextNode)) + 8 * n,
+                      [&] { return TextTree::make(t, u.match, u.fold, pl, b); });
+    }
+    if (u.match == Match::Substr) {
+        if (n < o.min_substr_entries) return nullptr;
+        /* Gram slots, candidates, anchors while building, filter bits. */
+        return within(b, 2 * kIndexBase + 48 * n, [&] { return SubstrIndex::make(t, u.fold, pl, b); });
+    }
+    if (u.match != Match::Exact || !o.hash_exact || n < o.min_entries) return nullptr;
+    return within(b, kIndexBase + 18 * n, [&] { return HashIndex::make(t, u.fold, pl, b); });
 }
 
 /* The indexes of one image, found by list record address. */
@@ -1157,9 +1291,13 @@ std::uint32_t entries_of(const List &l)
         return l.strings ? l.nr_strings : 0;
 }
 
-/* Fewest entries for which a list of this kind is indexed. */
 template <class List>
-std::uint32_t threshold(const Use &u, const Options &o)
+constexpr bool kRangeList = std::is_same_v<List, ip_rng_list_st> || std::is_same_v<List, ipv6_rng_list_st> ||
+                            std::is_same_v<List, port_rng_list_st>;
+
+/* Fewest entries for which a list of this kind gets a tree (or a hash). */
+template <class List>
+std::uint32_t tree_threshold(const Use &u, const Options &o)
 {
     if constexpr (std::is_same_v<List, ipv6_rng_list_st> || std::is_same_v<List, ipv6imap_list_st>)
         return o.min_entries;
@@ -1172,6 +1310,18 @@ std::uint32_t threshold(const Use &u, const Options &o)
                                                           : o.min_tree_entries;
 }
 
+/* Fewest entries for which a list of this kind is indexed at all: ordered
+ * range lists get their bucket table from min_entries on. */
+template <class List>
+std::uint32_t threshold(const Use &u, const Options &o)
+{
+    const std::uint32_t tree = tree_threshold<List>(u, o);
+    if constexpr (kRangeList<List>)
+        return o.ordered_ranges ? std::min(tree, o.min_entries) : tree;
+    else
+        return tree;
+}
+
 /* Whether a list is long enough to be indexed. */
 template <class List>
 bool wanted(const List &l, const Use &u, const Options &o)
@@ -1179,33 +1329,37 @@ bool wanted(const List &l, const Use &u, const Options &o)
     return entries_of(l) >= threshold<List>(u, o);
 }
 
-/* A fixed-size index of n entries, when the memory is there. */
+/* A decision tree over a list of fixed-size entries, when the list is long
+ * enough and the memory is there. */
 template <class List, class Make>
 Accel *fixed(const List &l, const Options &o, Budget &b, Make make)
 {
+    using Index = std::remove_pointer_t<decltype(make(l, b))>;
     const std::uint64_t n = entries_of(l);
-    if (n < threshold<List>(Use{Match::Exact, false, Selection::Any}, o) || !b.reserve(kIndexBase + n * 2 * 32))
-        return nullptr;
-    return make(l, b);
+    if (n < tree_threshold<List>(Use{Match::Exact, false, Selection::Any}, o)) return nullptr;
+    return within(b, tree_bytes(n, Index::kNodeBytes), [&] { return make(l, b); });
 }
 
-/* The index of one list record, or null (too short, or not indexable). */
+/* The index of one list record in one round, or null (too short, not
+ * indexable, or not in this round). */
 template <class List>
-Accel *index_list(const List &l, const Use &u, const Options &o, const Payload &pl, Budget &b)
+Accel *index_list(const List &l, const Use &u, const Options &o, const Payload &pl, Budget &b, Round r)
 {
-    if constexpr (std::is_same_v<List, ip_rng_list_st> || std::is_same_v<List, ipv6_rng_list_st> ||
-                  std::is_same_v<List, port_rng_list_st>) {
-        return fixed(l, o, b, [](const List &x, Budget &bb) -> Accel * { return index_ranges(x, bb); });
+    if constexpr (kRangeList<List>) {
+        if (r == Round::Direct) return o.ordered_ranges ? index_ordered_ranges(l, b) : nullptr;
+        return fixed(l, o, b, [](const List &x, Budget &bb) { return index_ranges(x, bb); });
     } else if constexpr (std::is_same_v<List, iimap_list_st> || std::is_same_v<List, ismap_list_st>) {
-        return fixed(l, o, b, [](const List &x, Budget &bb) -> Accel * { return index_int_keys(x, bb); });
+        if (r == Round::Direct) return nullptr;
+        return fixed(l, o, b, [](const List &x, Budget &bb) { return index_int_keys(x, bb); });
     } else if constexpr (std::is_same_v<List, ipv6imap_list_st>) {
-        return fixed(l, o, b, [](const List &x, Budget &bb) -> Accel * { return index_ipv6_keys(x, bb); });
+        if (r == Round::Direct) return nullptr;
+        return fixed(l, o, b, [](const List &x, Budget &bb) { return index_ipv6_keys(x, bb); });
     } else if constexpr (std::is_same_v<List, simap_list_st> || std::is_same_v<List, sipv6map_list_st> ||
                          std::is_same_v<List, ssmap_list_st>) {
         using R = MapRecord<List>;
-        return index_texts(texts_of(l.*R::items, l.*R::count), u, o, pl, b);
+        return index_texts(texts_of(l.*R::items, l.*R::count), u, o, pl, b, r);
     } else {
-        return index_texts(texts_of(l.strings, l.nr_strings), u, o, pl, b);
+        return index_texts(texts_of(l.strings, l.nr_strings), u, o, pl, b, r);
     }
 }
 
@@ -1234,9 +1388,11 @@ int build(taz_pattern_st *ptn, const Options &opt)
     taz_fast_release(ptn);
     const Payload pl{ptn->ptn_buf, ptn->ptn_buf + (ptn->ptn_buf ? std::size_t(ptn->ptn_len) + TAZ_PTN_PAD : 0)};
     /* Bounded by the payload: a compiled file touches each text a few
-     * times, and its indexes take less memory than six times its size. */
+     * times, and its indexes take at most half its size plus 1 MiB of
+     * memory, so that a load needs little more than twice the file's size
+     * all told (trees, built last, are left out when memory runs short). */
     const std::uint64_t len = ptn->ptn_len;
-    Budget budget{16 * len + (std::uint64_t(64) << 20), 6 * len + (std::uint64_t(1) << 20)};
+    Budget budget{16 * len + (std::uint64_t(64) << 20), len / 2 + (std::uint64_t(1) << 20)};
     std::size_t lists = 0;
     each_list(ptn, [&](const auto &list, const Use &u) { lists += wanted(list, u, opt) ? 1 : 0; });
     std::size_t cap = 16;
@@ -1247,14 +1403,15 @@ int build(taz_pattern_st *ptn, const Options &opt)
         delete ix;
         return -1;
     }
-    each_list(ptn, [&](const auto &list, const Use &u) {
-        if (budget.left == 0 || !wanted(list, u, opt)) return;
-        Accel *a = index_list(list, u, opt, pl, budget);
-        if (a == nullptr) return;
-        a->selection = u.selection;
-        a->rule = u.match;
-        ix->add(&list, a);
-    });
+    for (const Round round : {Round::Direct, Round::Trees})
+        each_list(ptn, [&](const auto &list, const Use &u) {
+            if (budget.left == 0 || !wanted(list, u, opt) || ix->find(&list) != nullptr) return;
+            Accel *a = index_list(list, u, opt, pl, budget, round);
+            if (a == nullptr) return;
+            a->selection = u.selection;
+            a->rule = u.match;
+            ix->add(&list, a);
+        });
     if (ix->used == 0) {
         delete ix;
         return -1;

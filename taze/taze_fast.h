@@ -8,9 +8,13 @@
  *   order their comparator needs, with no two entries comparing equal: a
  *   hash table over the folded NUL-terminated views (a key equals at most
  *   one entry, and the bisection finds that one);
+ * - IPv4, IPv6 and port range lists whose ranges ascend without overlapping:
+ *   over them the bisection finds a range holding the key exactly when one
+ *   exists, so a bucket table over the key span, and a short search among
+ *   the ranges of the key's bucket, answers as it does;
  * - every other bisected array (prefix and suffix lists and keys, exact
- *   lists in the wrong order, IPv4, IPv6 and port ranges, integer and IPv6
- *   map keys): the bisection's own decision tree stored breadth-first, so
+ *   lists in the wrong order, range lists in any other order, integer and
+ *   IPv6 map keys): the bisection's own decision tree stored breadth-first, so
  *   the same entries are probed in the same order, each probe reading one
  *   small node instead of an entry and its text. String nodes carry the
  *   common prefix lengths with the two entries bounding them and a few
@@ -69,6 +73,7 @@ struct Options {
     std::uint32_t min_tree_entries = 1u << 17; /* text trees, 32-bit range and key trees */
     std::uint32_t min_substr_entries = 4;      /* substring scans */
     bool hash_exact = true;                    /* hash sorted exact lists (else tree) */
+    bool ordered_ranges = true;                /* bucket tables for ascending, non-overlapping ranges */
 };
 
 /* taz_fast_build with explicit thresholds (the tests index every list). */

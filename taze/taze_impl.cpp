@@ -541,22 +541,30 @@ void unload_image(Image *ptn, unsigned kind)
     std::free(ptn);
 }
 
-Image *load_image(const unsigned char *buf, UINT32 len, unsigned kind)
+/* An image over buf, which it owns from here on: kept as the payload copy,
+ * or freed on failure. The payload is followed by zero padding, so that
+ * every NUL-terminated view of a stored string ends inside the copy. */
+Image *adopt_image(unsigned char *buf, UINT32 len, std::size_t capacity, unsigned kind)
 {
-    assert(buf!=((void *)0));
     if (buf == nullptr) return nullptr;
-    /* A private copy with zero padding, so that every NUL-terminated view of
-     * a stored string ends inside it. */
-    auto *copy = static_cast<unsigned char *>(std::malloc(std::size_t(len) + TAZ_PTN_PAD));
-    if (copy == nullptr) return nullptr;
-    std::memcpy(copy, buf, len);
-    std::memset(copy + len, 0, TAZ_PTN_PAD);
+    /* Too small for the padding, or much larger than the payload (a body
+     * whose stored length exceeds its payload's): fit it. */
+    constexpr std::size_t kSlack = 64 * 1024;
+    if (capacity < std::size_t(len) + TAZ_PTN_PAD || capacity - TAZ_PTN_PAD - len > kSlack) {
+        auto *grown = static_cast<unsigned char *>(std::realloc(buf, std::size_t(len) + TAZ_PTN_PAD));
+        if (grown == nullptr) {
+            std::free(buf);
+            return nullptr;
+        }
+        buf = grown;
+    }
+    std::memset(buf + len, 0, TAZ_PTN_PAD);
     Image *ptn = alloc_zeroed<Image>(1);
     if (ptn == nullptr) {
-        std::free(copy);
+        std::free(buf);
         return nullptr;
     }
-    ptn->ptn_buf = copy;
+    ptn->ptn_buf = buf;
     ptn->ptn_len = len;
     if (init_image(ptn, kind) == 0) {
         taz_fast_build(ptn); /* without indexes the plain searches answer alone */
@@ -566,12 +574,31 @@ Image *load_image(const unsigned char *buf, UINT32 len, unsigned kind)
     return nullptr;
 }
 
+/* An image over a private copy of buf; the caller keeps buf. */
+Image *load_image(const unsigned char *buf, UINT32 len, unsigned kind)
+{
+    assert(buf!=((void *)0));
+    if (buf == nullptr) return nullptr;
+    auto *copy = static_cast<unsigned char *>(std::malloc(std::size_t(len) + TAZ_PTN_PAD));
+    if (copy == nullptr) return nullptr;
+    std::memcpy(copy, buf, len);
+    return adopt_image(copy, len, std::size_t(len) + TAZ_PTN_PAD, kind);
+}
+
 } // namespace
 
 /* ---- Exported internals ------------------------------------------------------- */
 
 taz_pattern_st *taz_load_pattern(const unsigned char *buf, UINT32 len) { return load_image(buf, len, kMain); }
 void taz_unload_pattern(taz_pattern_st *ptn) { unload_image(ptn, kMain); }
+taz_pattern_st *taz_adopt_pattern(unsigned char *buf, UINT32 len, size_t capacity)
+{
+    return adopt_image(buf, len, capacity, kMain);
+}
+taz_pattern_st *ulm_adopt_pattern(unsigned char *buf, UINT32 len, size_t capacity)
+{
+    return adopt_image(buf, len, capacity, kSecond);
+}
 int taz_pattern_init(taz_pattern_st *ptn) { return init_image(ptn, kMain); }
 void taz_pattern_fini(taz_pattern_st *ptn) { fini_image(ptn, kMain); }
 

@@ -79,6 +79,14 @@ UINT32 taz_get_max_list_count(const unsigned char *ptn_buf, UINT32 ptn_len, UINT
 
 taz_pattern_st *ulm_load_pattern(const unsigned char *buf, UINT32 len);
 void ulm_unload_pattern(taz_pattern_st *ptn);
+
+/* Like taz_load_pattern and ulm_load_pattern, but the image takes over
+ * buf (malloc'ed, `capacity` bytes, the payload in its first len) as its
+ * payload copy instead of copying it: the reader hands over a decrypted
+ * body this way, so that a load never holds the payload twice. buf is
+ * owned by the callee from the call on: kept by the image, or freed. */
+taz_pattern_st *taz_adopt_pattern(unsigned char *buf, UINT32 len, size_t capacity);
+taz_pattern_st *ulm_adopt_pattern(unsigned char *buf, UINT32 len, size_t capacity);
 void ulm_pattern_init(taz_pattern_st *ptn);
 void ulm_pattern_fini(taz_pattern_st *ptn);
 

@@ -36,7 +36,7 @@ constexpr Layout kLayouts[] = {Layout::Sorted, Layout::Shuffled, Layout::SortedW
 
 /* Index every list, with the hash or with the tree for exact lists. */
 constexpr fast::Options kEveryList{0, 0, 0, true};
-constexpr fast::Options kTreesOnly{0, 0, 0, false};
+constexpr fast::Options kTreesOnly{0, 0, 0, false, false};
 
 struct Rng {
     std::mt19937 g;
@@ -198,21 +198,28 @@ tazw::IPv6 v6(std::uint64_t x)
     return a;
 }
 
+/* Ordered lists get bucket tables (IPv4 ranges narrow, or spread over the
+ * whole address space), the others trees; both are checked against the
+ * plain searches, and so are trees over ordered lists. */
 TEST(FastPaths, RangeListsAnswerAsThePlainSearches)
 {
-    for (unsigned seed = 0; seed < 12; ++seed) {
+    for (unsigned seed = 0; seed < 24; ++seed) {
         Rng r(seed);
         const bool tidy = seed % 2 == 0;
-        auto v4 = ranges<std::uint32_t>(r, tidy, [](std::uint64_t x) { return std::uint32_t(x * 7); });
+        const std::uint64_t scale = seed % 4 == 2 ? 500009 : 7;
+        const fast::Options &opt = seed % 6 == 4 ? kTreesOnly : kEveryList;
+        std::vector<std::pair<std::uint32_t, std::uint32_t>> v4;
+        for (const auto &[lo, hi] : ranges<std::uint64_t>(r, tidy, [](std::uint64_t x) { return x; }))
+            v4.push_back({std::uint32_t(lo * scale), std::uint32_t(hi * scale)});
         auto ports = ranges<std::uint16_t>(r, tidy, [](std::uint64_t x) { return std::uint16_t(x); });
         auto six = ranges<tazw::IPv6>(r, tidy, v6);
         Image img(tazw::concat({tazw::section(magic4("IP"), 1, tazw::list(0, std::uint32_t(v4.size()), tazw::ip_entries(v4))),
                                 tazw::section(magic4("PORT"), 1, tazw::list(0, std::uint32_t(ports.size()), tazw::port_entries(ports))),
                                 tazw::section(magic4("IPV6"), 1, tazw::list(0, std::uint32_t(six.size()), tazw::ipv6_entries(six)))}));
         ASSERT_NE(img.p, nullptr);
-        ASSERT_EQ(fast::build(img.p, kEveryList), 0);
+        ASSERT_EQ(fast::build(img.p, opt), 0);
         for (std::uint64_t x = 0; x < 4400; x += 1 + (x % 3)) {
-            const auto ip = std::uint32_t(x * 7 + r.below(3) - 1);
+            const auto ip = std::uint32_t(x * scale + r.below(3) - 1);
             EXPECT_EQ(fast::list_search(img.p, img.p->ip_range_lists, ip, ip_rng_list_search),
                       ip_rng_list_search(ip, img.p->ip_range_lists)) << seed << " ip " << ip;
             const auto port = std::uint16_t(x);

@@ -228,6 +228,19 @@ TEST(Reader, ContainerEdgeCases)
         {"enclen 0: no image", container({sub(KORM_SUB_TAZE_RULE, {})}), loaded(false, false)},
         {"second kind alone", container({sub(KORM_SUB_ULM_RULE, kUlm)}), loaded(false, true)},
         {"raw plain: len is declen", container({sub(KORM_SUB_YUB_RULE, kRaw)}), loaded(false, false, kRaw)},
+        /* A main body stored with bytes beyond its payload: the image keeps
+         * the payload (its buffer cut down when far longer), at the first
+         * capacity step and beyond it. */
+        {"main, body 100,000 bytes beyond its payload", container({with(taz, [](auto &s) {
+             s.payload.resize(s.payload.size() + 100000, 0xAB);
+             s.declen = std::uint32_t(kTaz.size());
+         })}),
+         loaded(true, false)},
+        {"main, body ending just before 64 KiB", container({with(taz, [](auto &s) {
+             s.payload.resize(65536 - 16, 0);
+             s.declen = std::uint32_t(kTaz.size());
+         })}),
+         loaded(true, false)},
         {"raw, declen below enclen", container({with(sub(KORM_SUB_YUB_RULE, kRaw), [](auto &s) { s.declen = 5; })}),
          loaded(false, false, Bytes(kRaw.begin(), kRaw.begin() + 5))},
         {"raw encrypted", container({sub(KORM_SUB_YUB_RULE, kRaw, KORM_ENC_TFSH_MD5)}), loaded(false, false, kRaw)},
