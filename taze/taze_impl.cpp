@@ -106,8 +106,9 @@ constexpr bool reads_past_section = std::is_same_v<V, ipv6_st>;
 
 /* ---- Element kinds: one entry of a list -------------------------------------- */
 struct NoRelease {
+    static constexpr bool has_values = false;
     template <typename E>
-    static void release(E &) {}
+    static void release_all(E *, UINT32) {}
 };
 
 /* A list string: length, text, terminator. Only the text must lie in the
@@ -126,13 +127,25 @@ struct RangeEntry : NoRelease {
     static bool parse(Range &r, LeCursor &c, Scope &) { return read_field(c, r.*Lo) && read_field(c, r.*Hi); }
 };
 
-/* A map entry: key, value count, values in an array owned by the entry. */
+/* A map entry: key, value count, values. The values of all entries of one
+ * list live in one array, each entry's values a slice of it in entry order
+ * (entry 0's slice starts it): a list is parsed twice, first to check every
+ * entry and count its values, then, over the same bytes, to copy them into
+ * the array. One allocation per list instead of one per entry; the array has
+ * one spare zero element, so that every slice, even an empty last one,
+ * points into it. */
 template <typename Entry, typename Key, Key Entry::*K, typename Value, UINT32 Entry::*N, Value *Entry::*V>
 struct MapEntry {
     using elem = Entry;
+    using value = Value;
+    static constexpr bool has_values = true;
     static constexpr std::uint64_t min_bytes = disk_min<Key> + 4;
+    static constexpr UINT32 Entry::*value_count = N;
+    static constexpr Value *Entry::*value_array = V;
 
-    static bool parse(Entry &e, LeCursor &c, Scope &s)
+    /* One entry; with dst null the checking pass (which charges the element
+     * budget), else the copying pass into dst. */
+    static bool parse(Entry &e, LeCursor &c, Scope &s, Value *dst)
     {
         UINT32 nr = 0;
         if (!read_field(c, e.*K) || !c.u32(nr)) return false;
@@ -141,22 +154,25 @@ struct MapEntry {
          * readable from the section start. */
         LeCursor values(c.base(), reads_past_section<Value> ? std::max(s.avail, c.size()) : c.size(), c.pos());
         if (!count_fits(nr, section_check_bytes<Value>, c.remaining()) ||
-            !count_fits(nr, disk_min<Value>, values.remaining()) || !Budget::take(s.budget->elements, nr))
+            !count_fits(nr, disk_min<Value>, values.remaining()) ||
+            (dst == nullptr && !Budget::take(s.budget->elements, nr)))
             return false;
-        Value *array = alloc_zeroed<Value>(nr);
-        if (array == nullptr) return false;
-        e.*V = array;
+        Value scratch{};
         for (UINT32 j = 0; j < nr; ++j)
-            if (!read_field(values, array[j])) return false;
+            if (!read_field(values, dst != nullptr ? dst[j] : scratch)) return false;
+        e.*V = dst;
         c.seek(values.pos());
         return true;
     }
 
-    static void release(Entry &e)
+    /* Frees the list's value array and leaves every entry without values. */
+    static void release_all(Entry *entries, UINT32 n)
     {
-        std::free(e.*V);
-        e.*V = nullptr;
-        e.*N = 0;
+        std::free(n > 0 ? entries[0].*V : nullptr);
+        for (UINT32 j = 0; j < n; ++j) {
+            entries[j].*V = nullptr;
+            entries[j].*N = 0;
+        }
     }
 };
 
@@ -234,8 +250,7 @@ template <typename L>
 void release_record(typename L::record &r)
 {
     auto *&entries = L::array(r);
-    if (entries != nullptr)
-        for (UINT32 j = 0; j < L::count(r); ++j) L::release(entries[j]);
+    if (entries != nullptr) L::release_all(entries, L::count(r));
     std::free(entries);
     entries = nullptr;
     L::count(r) = 0;
@@ -259,8 +274,29 @@ bool load_list(typename L::record &r, LeCursor &c, UINT32 n, Scope &s)
     if (entries == nullptr) return false;
     L::array(r) = entries;
     L::count(r) = n;
-    for (UINT32 j = 0; j < n; ++j)
-        if (!L::parse(entries[j], c, s)) return false;
+    if constexpr (L::has_values) {
+        const std::uint64_t start = c.pos();
+        std::uint64_t total = 0;
+        for (UINT32 j = 0; j < n; ++j) {
+            if (!L::parse(entries[j], c, s, nullptr)) return false;
+            total += entries[j].*L::value_count;
+        }
+        auto *pool = alloc_zeroed<typename L::value>(total + 1);
+        if (pool == nullptr) return false;
+        c.seek(start);
+        std::uint64_t at = 0;
+        for (UINT32 j = 0; j < n; ++j) {
+            /* The same bytes as the checking pass: this cannot fail, but if it
+             * did, entry 0 holds the array and the release frees it. */
+            const bool ok = L::parse(entries[j], c, s, pool + at);
+            if (j == 0) entries[0].*L::value_array = pool;
+            if (!ok) return false;
+            at += entries[j].*L::value_count;
+        }
+    } else {
+        for (UINT32 j = 0; j < n; ++j)
+            if (!L::parse(entries[j], c, s)) return false;
+    }
     return true;
 }
 

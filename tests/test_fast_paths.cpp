@@ -31,8 +31,9 @@ using Pattern = taz_pattern_st;
 namespace fast = taze::fast;
 
 /* How the entries of a generated list are stored. */
-enum class Layout { Sorted, Shuffled, SortedWithEqual, Reversed };
-constexpr Layout kLayouts[] = {Layout::Sorted, Layout::Shuffled, Layout::SortedWithEqual, Layout::Reversed};
+enum class Layout { Sorted, Shuffled, SortedWithEqual, Reversed, SortedUnique };
+constexpr Layout kLayouts[] = {Layout::Sorted, Layout::Shuffled, Layout::SortedWithEqual, Layout::Reversed,
+                               Layout::SortedUnique};
 
 /* Index every list, with the hash or with the tree for exact lists. */
 constexpr fast::Options kEveryList{0, 0, 0, true};
@@ -53,13 +54,20 @@ struct Rng {
     }
 };
 
-/* Entries of one list: texts, some equal but for case, some with a NUL. */
+/* Entries of one list: texts, some equal but for case, some with a NUL;
+ * or, sorted and unique, neither (as a compiled file holds them). */
 std::vector<std::string> entries(Rng &r, Layout layout, tazw::Order order)
 {
     std::vector<std::string> v(r.below(90));
     for (std::string &s : v) {
         s = r.text(9);
-        if (r.one_in(25)) s.insert(s.begin() + r.below(unsigned(s.size()) + 1), '\0');
+        if (layout != Layout::SortedUnique && r.one_in(25)) s.insert(s.begin() + r.below(unsigned(s.size()) + 1), '\0');
+    }
+    if (layout == Layout::SortedUnique) {
+        tazw::sort_in(order, v);
+        auto same = [&](const std::string &a, const std::string &b) { return !tazw::less_in(order, a, b); };
+        v.erase(std::unique(v.begin(), v.end(), same), v.end());
+        return v;
     }
     if (layout == Layout::SortedWithEqual)
         for (std::size_t i = 0, n = v.size(); i < n && i < 12; ++i) {

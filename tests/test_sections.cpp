@@ -290,6 +290,7 @@ TEST(MapLists, EveryLayoutDecodes)
         const UINT32 *ints = l->str_int_maps[0].ints;
         EXPECT_EQ(std::vector<UINT32>(ints, ints + 3), (std::vector<UINT32>{1, 2, 3}));
         EXPECT_EQ(l->str_int_maps[1].nr_ints, 0u);
+        EXPECT_NE(l->str_int_maps[1].ints, nullptr) << "an empty last entry still has its (empty) values";
     }
     const sipv6map_st &s6 = img->string_ipv6_map_lists[0].str_ipv6_maps[0];
     ASSERT_EQ(s6.nr_ipv6s, 2u);
