@@ -219,7 +219,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t *data, std::size_t size
 {
     static const unsigned char none = 0;
     taz_pattern_st *img = taz_load_pattern(size ? data : &none, UINT32(size));
-    if (img != nullptr && fast::build(img, fast::Options{0, 0, 0, true}) == 0) {
+    if (img != nullptr && fast::build(img, fast::Options{0, 0, 0, true, true, true, 0}) == 0) {
         const std::size_t n = std::min<std::size_t>(size, 24);
         const std::string tail(reinterpret_cast<const char *>(data + size - n), n);
         UINT32 number = 0;
@@ -227,7 +227,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t *data, std::size_t size
         std::memcpy(&number, data, std::min<std::size_t>(size, 4));
         std::memcpy(ipv6, data, std::min<std::size_t>(size, 16));
         compare_all(img, tail, number, ipv6);
-        fast::build(img, fast::Options{0, 0, 0, false}); /* exact lists by the tree as well */
+        fast::build(img, fast::Options{0, 0, 0, false, false, false}); /* every list by the tree as well */
         compare_all(img, tail, number, ipv6);
     }
     taz_unload_pattern(img);

@@ -17,25 +17,34 @@ namespace taze {
 /* A comparator in the C convention: key first, element second. */
 using Comparator = int (*)(const void *key, const void *elem);
 
-/* Bisects base[0..count) with `cmp(const Elem&)`, which compares the caller's
- * key against one element and answers <0, 0 or >0. Returns the hit or null.
- * A null base with count 0 is an empty list. */
-template <class Elem, class Cmp>
-constexpr const Elem *bisect(const Elem *base, std::size_t count, Cmp &&cmp)
+/* Bisects positions 0..count with `cmp(std::size_t mid)`, which compares
+ * the caller's key against the entry at mid and answers <0, 0 or >0.
+ * Returns the hit's position, or count when there is none. */
+template <class Cmp>
+constexpr std::size_t bisect_at(std::size_t count, Cmp &&cmp)
 {
     std::size_t lower = 0;
     std::size_t upper = count;
     while (lower < upper) {
         const std::size_t mid = (lower + upper) / 2;
-        const int c = cmp(base[mid]);
+        const int c = cmp(mid);
         if (c < 0)
             upper = mid;
         else if (c > 0)
             lower = mid + 1;
         else
-            return base + mid;
+            return mid;
     }
-    return nullptr;
+    return count;
+}
+
+/* Bisects base[0..count) with `cmp(const Elem&)`. Returns the hit or null.
+ * A null base with count 0 is an empty list. */
+template <class Elem, class Cmp>
+constexpr const Elem *bisect(const Elem *base, std::size_t count, Cmp &&cmp)
+{
+    const std::size_t at = bisect_at(count, [base, &cmp](std::size_t mid) { return cmp(base[mid]); });
+    return at < count ? base + at : nullptr;
 }
 
 /* The same with a C comparator and a key object, as bsearch takes them. */

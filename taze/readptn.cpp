@@ -319,9 +319,14 @@ INT32 collectStep(QDPatternBuf *p)
     if (!p->tmp || n < 0 || static_cast<int64_t>(p->tmpIndex) + n > p->tmpSize) return kReadFailed;
     const size_t capacity = bodyCapacity(p->tmpIndex + n, p->tmpSize);
     if (capacity != bodyCapacity(p->tmpIndex, p->tmpSize)) {
-        void *grown = std::realloc(p->tmp, capacity);
+        /* A new buffer made present before the bytes move into it, rather
+         * than realloc, whose copy would fault its pages in one by one. */
+        auto *grown = static_cast<unsigned char *>(std::malloc(capacity));
         if (!grown) return NO_MEM_ERR;
-        p->tmp = static_cast<unsigned char *>(grown);
+        taz_prefault(grown, capacity);
+        std::memcpy(grown, p->tmp, static_cast<size_t>(p->tmpIndex));
+        std::free(p->tmp);
+        p->tmp = grown;
     }
     std::memcpy(p->tmp + p->tmpIndex, p->buf, static_cast<size_t>(n));
     p->tmpIndex += n;

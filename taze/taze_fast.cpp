@@ -1,9 +1,11 @@
 // Load-time search indexes of a pattern image (see taze_fast.h).
 //
-// Three index shapes, each answering exactly what the plain search of its
+// Five index shapes, each answering exactly what the plain search of its
 // list answers:
 //
 // HashIndex   exact lists in comparator order with unique entries.
+// OrderedRanges  range lists ascending without overlap: bucket tables.
+// HeadGroups  prefix and suffix lists whose entries' heads never decrease.
 // Tree<Node>  the bisection's decision tree in breadth-first order: slot k
 //             holds the entry the bisection probes at that point, its
 //             children are slots 2k (the key ordered before it) and 2k+1.
@@ -23,6 +25,7 @@
 #include <utility>
 #include <type_traits>
 
+#include "bisect.h"
 #include "taze_impl.h"
 #include "tazapi.h"
 
@@ -60,6 +63,7 @@ public:
         const std::size_t bytes = (n * sizeof(T) + 63) / 64 * 64;
         void *m = std::aligned_alloc(64, bytes);
         if (m == nullptr) return false;
+        taz_prefault(m, bytes);
         std::memset(m, 0, bytes);
         p_ = static_cast<T *>(m);
         n_ = n;
@@ -219,11 +223,19 @@ struct Accel {
     /* Some entry the key matches (not necessarily the plain search's), for
      * searches that answer only whether one matches. */
     virtual std::int64_t find_some(const unsigned char *key) const { return find(key); }
+    virtual Shape shape() const = 0;
 };
 
 namespace {
 
 // ---- Exact text: hash table ----------------------------------------------------------
+
+/* Slot of a hash in an open-addressing table of `size` slots (any size),
+ * from the hash's low 32 bits; its high bits serve as the slot's tag. */
+inline std::size_t slot_in(std::uint64_t h, std::size_t size)
+{
+    return std::size_t((unsigned __int128)(h >> 32 | h << 32) * size >> 64);
+}
 
 /* A new T filled by T::fill(args...), or null (no memory, or fill refused). */
 template <class T, class... A>
@@ -255,7 +267,7 @@ public:
         if (key == nullptr) return kPlain;
         const std::size_t klen = std::strlen(reinterpret_cast<const char *>(key));
         const std::uint64_t h = hash_bytes(key, klen, fold_);
-        const std::uint32_t tag = std::uint32_t(h);
+        const std::uint32_t tag = std::uint32_t(h >> 32);
         std::size_t i = slot_of(h);
         for (;;) {
             const Slot &s = slots_[i];
@@ -268,15 +280,13 @@ public:
 private:
     struct Slot {
         std::uint32_t idx; /* entry number, kEmpty for a free slot */
-        std::uint32_t tag; /* low bits of the hash */
+        std::uint32_t tag; /* high bits of the hash */
         std::uint32_t off; /* the entry's text, from the payload start */
     };
     static_assert(sizeof(Slot) == 12, "three words a slot");
 
-    std::size_t slot_of(std::uint64_t h) const
-    {
-        return std::size_t((unsigned __int128)(h >> 32 | h << 32) * slots_.size() >> 64);
-    }
+    std::size_t slot_of(std::uint64_t h) const { return slot_in(h, slots_.size()); }
+    Shape shape() const override { return Shape::Hash; }
 
     /* The entry's NUL-terminated view equals the key: the bytes agree and
      * the view ends where the key does (the key holds no NUL, so the
@@ -320,7 +330,7 @@ private:
                 std::size_t k = slot_of(hashes[j]);
                 while (slots_[k].idx != kEmpty) k = k + 1 == slots_.size() ? 0 : k + 1;
                 const unsigned char *text = t.at(first + j).ptr;
-                slots_[k] = {first + j, std::uint32_t(hashes[j]), std::uint32_t(text - pl.begin)};
+                slots_[k] = {first + j, std::uint32_t(hashes[j] >> 32), std::uint32_t(text - pl.begin)};
             }
         }
         return true;
@@ -508,6 +518,8 @@ public:
         return x;
     }
 
+    Shape shape() const override { return Shape::Tree; }
+
 private:
     friend KeyedAccel<FixedIndex, Key>;
     std::int64_t search(const Key &k) const
@@ -594,6 +606,8 @@ public:
         }
         return x;
     }
+
+    Shape shape() const override { return Shape::Buckets; }
 
 private:
     friend KeyedAccel<OrderedRanges, B>;
@@ -730,6 +744,7 @@ public:
         std::uint64_t agree[2] = {0, 0};
         return tree_.search([&](const TextNode &nd) { return decide(nd, K, agree); });
     }
+    Shape shape() const override { return Shape::Tree; }
 
 private:
     /* Compares K with the node's P and updates the agreement with the bound
@@ -891,6 +906,276 @@ private:
     bool fold_ = true;
 };
 
+// ---- Prefix and suffix lists: runs of entries sharing a head ------------------------------
+//
+// Let every entry be at least K bytes long with no NUL among its first K
+// bytes (its last K, read backwards, for suffixes): its head. Both
+// comparators then decide a comparison inside the head unless the key's head
+// (its first K bytes, or last K backwards) equals the entry's, and answer
+// the order of the two heads, folded as they fold. Zero needs equal heads,
+// so a key shorter than K, or whose head no entry has, matches nothing.
+// When the heads never decrease along the list, the entries sharing the
+// key's head form one run, every entry before it compares below the key and
+// every entry after it above: the bisection meets the same entries when
+// probes outside the run are decided without reading them. A run of one
+// entry is met whatever the path (every probe outside it moves towards it),
+// so that entry alone decides. A hash table finds the run of a head.
+//
+// The same holds inside a run for longer heads: a long run whose entries
+// all have more clean bytes gets a table of its own over them (and so on),
+// which narrows the run the bisection reads to the entries sharing the
+// longer head, or finds that none matches.
+
+class HeadGroups final : public Accel {
+public:
+    static constexpr unsigned kMinHead = 4;  /* shorter heads tell too few entries apart */
+    static constexpr unsigned kMaxHead = 16; /* two words */
+    static constexpr std::uint64_t kMaxRun = 16; /* longest mean run: the tree does better beyond */
+    static constexpr std::uint32_t kNested = 32; /* shortest run that gets a table of its own */
+
+    static HeadGroups *make(const Texts &t, Match match, bool fold, const Payload &pl, Budget &b)
+    {
+        return filled<HeadGroups>(t, match, fold, pl, b, kMinHead);
+    }
+    ~HeadGroups() override
+    {
+        for (std::size_t i = 0; i < nested_.size(); ++i) delete nested_[i].table;
+    }
+
+    std::int64_t find(const unsigned char *key) const override
+    {
+        if (key == nullptr) return kPlain;
+        const std::size_t klen = std::strlen(reinterpret_cast<const char *>(key));
+        if (klen > 0xFFFFFFFFu) return kPlain; /* the comparators count the key in 32 bits */
+        std::size_t a = 0, b = 0;
+        return locate(key, klen, a, b) ? replay(key, klen, a, b) : kMiss;
+    }
+    Shape shape() const override { return Shape::Heads; }
+
+private:
+    template <class T, class... A>
+    friend T *filled(A &&...args); /* runs fill() */
+
+    /* The run's first entry; the head hash's top 24 bits and the run's
+     * length (kLongRun: that many or more) below them. 0: a free slot. */
+    struct Slot {
+        std::uint32_t first;
+        std::uint32_t tagged;
+    };
+    static_assert(sizeof(Slot) == 8, "two words a slot");
+    static constexpr std::uint32_t kCountMask = 0xFF, kLongRun = 0xFF;
+    static std::uint32_t tag_of(std::uint64_t hv) { return std::uint32_t(hv >> 32) & ~kCountMask; }
+
+    /* The run [a, b) of entries sharing the key's head, narrowed by the
+     * tables of long runs; false when no entry has the key's head. */
+    bool locate(const unsigned char *key, std::size_t klen, std::size_t &a, std::size_t &b) const
+    {
+        if (klen < k_) return false;
+        const U128 h = klen >= kMaxHead ? head_words(key, klen) : head_bytes(key, klen);
+        const std::uint64_t hv = hash(h);
+        const std::uint32_t tag = tag_of(hv);
+        for (std::size_t i = slot_in(hv, slots_.size());; i = i + 1 == slots_.size() ? 0 : i + 1) {
+            const Slot &s = slots_[i];
+            if (s.tagged == 0) return false;
+            if ((s.tagged & ~kCountMask) != tag || order(entry_head(s.first), h) != 0) continue;
+            a = s.first;
+            const std::uint32_t count = s.tagged & kCountMask;
+            if (count >= kNested) {
+                const Nested *end = nested_.data() + nested_.size();
+                const Nested *sub = std::lower_bound(nested_.data(), end, s.first,
+                                                     [](const Nested &x, std::uint32_t f) { return x.first < f; });
+                if (sub != end && sub->first == s.first) {
+                    std::size_t a2 = 0, b2 = 0;
+                    if (!sub->table->locate(key, klen, a2, b2)) return false;
+                    b = a + b2;
+                    a += a2;
+                    return true;
+                }
+            }
+            b = count == kLongRun ? run_end(a + kLongRun - 1, h) : a + count;
+            return true;
+        }
+    }
+
+    /* The bisection over the whole list, reading only the entries of [a, b). */
+    std::int64_t replay(const unsigned char *key, std::size_t klen, std::size_t a, std::size_t b) const
+    {
+        const counted_string_t k{key, UINT32(klen)};
+        if (b - a == 1) return cmp_(&k, &texts_.at(a)) == 0 ? std::int64_t(a) : kMiss;
+        const std::size_t at = bisect_at(texts_.count, [&](std::size_t m) {
+            return m < a ? 1 : m >= b ? -1 : cmp_(&k, &texts_.at(m));
+        });
+        return at < texts_.count ? std::int64_t(at) : kMiss;
+    }
+
+    /* One past the run holding entry `last` (the heads are sorted). */
+    std::size_t run_end(std::size_t last, const U128 &h) const
+    {
+        const std::size_t n = texts_.count;
+        std::size_t step = 1;
+        while (last + step < n && order(entry_head(last + step), h) == 0) {
+            last += step;
+            step *= 2;
+        }
+        std::size_t past = std::min(last + step, n);
+        while (past - last > 1) {
+            const std::size_t mid = last + (past - last) / 2;
+            (order(entry_head(mid), h) == 0 ? last : past) = mid;
+        }
+        return past;
+    }
+
+    /* The head of a text of len >= K bytes, folded, as big-endian words:
+     * byte by byte, or (bytes_ok) from the sixteen bytes at its head end. */
+    U128 head_bytes(const unsigned char *p, std::size_t len) const
+    {
+        const ByteMap &f = byte_map(fold_);
+        unsigned char b[kMaxHead] = {};
+        for (unsigned j = 0; j < k_; ++j) b[j] = f[backward_ ? p[len - 1 - j] : p[j]];
+        return U128::of(b);
+    }
+    U128 head_words(const unsigned char *p, std::size_t len) const
+    {
+        std::uint64_t w[2];
+        if (backward_) {
+            std::memcpy(&w[1], p + len - 16, 8); /* little-endian loads put the last byte on top */
+            std::memcpy(&w[0], p + len - 8, 8);
+        } else {
+            std::memcpy(w, p, 16);
+            w[0] = __builtin_bswap64(w[0]);
+            w[1] = __builtin_bswap64(w[1]);
+        }
+        const auto keep = [](unsigned n) { return n == 0 ? 0 : n >= 8 ? ~0ull : ~0ull << (64 - 8 * n); };
+        const std::uint64_t hi = (fold_ ? fold_word(w[0]) : w[0]) & keep(k_);
+        const std::uint64_t lo = (fold_ ? fold_word(w[1]) : w[1]) & keep(k_ > 8 ? k_ - 8 : 0);
+        return {hi, lo};
+    }
+    U128 entry_head(std::size_t i) const
+    {
+        const counted_string_t &s = texts_.at(i);
+        const bool wide = backward_ ? s.ptr + s.len >= begin_ + kMaxHead : s.ptr + kMaxHead <= end_;
+        return wide ? head_words(s.ptr, s.len) : head_bytes(s.ptr, s.len);
+    }
+    static std::uint64_t hash(const U128 &h) { return mix(mix(h.hi ^ 0x9E3779B97F4A7C15ull) ^ h.lo); }
+
+    /* Bytes at the entry's head end before its first NUL, at most kMaxHead. */
+    unsigned clean(const counted_string_t &s) const
+    {
+        const unsigned n = unsigned(std::min<std::uint64_t>(s.len, kMaxHead));
+        if (backward_) {
+            unsigned j = 0;
+            while (j < n && s.ptr[s.len - 1 - j] != 0) ++j;
+            return j;
+        }
+        const void *nul = std::memchr(s.ptr, 0, n);
+        return nul ? unsigned(static_cast<const unsigned char *>(nul) - s.ptr) : n;
+    }
+
+    bool fill(const Texts &t, Match match, bool fold, const Payload &pl, Budget &b, unsigned min_head)
+    {
+        texts_ = t;
+        fold_ = fold;
+        backward_ = match == Match::Suffix;
+        begin_ = pl.begin;
+        end_ = pl.end;
+        cmp_ = backward_ ? (fold ? str_compare_reverse_prefix : str_compare_reverse_case_prefix)
+                         : (fold ? str_compare_prefix : str_compare_case_prefix);
+        const std::uint32_t n = t.count;
+        if (n == 0 || n > 0x7FFFFFFFu || (match != Match::Prefix && match != Match::Suffix)) return false;
+        /* K: the shortest clean head. */
+        unsigned k = kMaxHead;
+        for (std::uint32_t i = 0; i < n && k >= min_head; ++i) {
+            const counted_string_t &s = t.at(i);
+            if (!pl.holds(s) || s.len > 0x7FFFFFFFu || !b.take(2 * kMaxHead + 16)) return false;
+            k = std::min(k, clean(s));
+        }
+        if (k < min_head) return false;
+        k_ = k;
+        /* Heads never decrease; count the runs. */
+        std::uint64_t runs = 1;
+        U128 prev = entry_head(0);
+        for (std::uint32_t i = 1; i < n; ++i) {
+            const U128 h = entry_head(i);
+            const int c = order(h, prev);
+            if (c < 0) return false;
+            runs += c != 0 ? 1 : 0;
+            prev = h;
+        }
+        if (runs * kMaxRun < n) return false;
+        const std::uint64_t slots = runs + runs / 4 + 1, bytes = kIndexBase + slots * sizeof(Slot);
+        if (!b.reserve(bytes)) return false;
+        if (!slots_.allocate(slots)) {
+            b.memory += bytes;
+            return false;
+        }
+        /* In blocks: hash a block of runs and prefetch their slots, then
+         * insert them, so that the slots' cache misses overlap. */
+        constexpr std::uint32_t kBlock = 32;
+        Slot block[kBlock];
+        std::uint64_t hashes[kBlock];
+        std::uint32_t used = 0;
+        auto flush = [&] {
+            for (std::uint32_t j = 0; j < used; ++j) {
+                std::size_t at = slot_in(hashes[j], slots_.size());
+                while (slots_[at].tagged != 0) at = at + 1 == slots_.size() ? 0 : at + 1;
+                slots_[at] = block[j];
+            }
+            used = 0;
+        };
+        std::uint32_t first = 0;
+        std::uint64_t long_runs = 0;
+        U128 h = entry_head(0);
+        for (std::uint32_t i = 1; i <= n; ++i) {
+            const U128 next = i < n ? entry_head(i) : U128{};
+            if (i < n && order(next, h) == 0) continue;
+            const std::uint64_t hv = hash(h);
+            hashes[used] = hv;
+            block[used++] = {first, tag_of(hv) | std::min<std::uint32_t>(i - first, kLongRun)};
+            prefetch(&slots_[slot_in(hv, slots_.size())]);
+            if (used == kBlock) flush();
+            long_runs += i - first >= kNested ? 1 : 0;
+            first = i;
+            h = next;
+        }
+        flush();
+        if (long_runs > 0 && k_ < kMaxHead) nest(long_runs, match, pl, b);
+        return true;
+    }
+
+    /* Tables for the long runs whose entries all have heads longer than K
+     * (none where memory or budget runs short: the run is then bisected). */
+    void nest(std::uint64_t long_runs, Match match, const Payload &pl, Budget &b)
+    {
+        if (!b.reserve(long_runs * sizeof(Nested)) || !nested_.allocate(long_runs)) return;
+        std::size_t made = 0;
+        for (std::uint32_t i = 0; i < texts_.count;) {
+            const U128 h = entry_head(i);
+            std::uint32_t end = i + 1;
+            while (end < texts_.count && order(entry_head(end), h) == 0) ++end;
+            if (end - i >= kNested) {
+                const Texts run{texts_.base + std::size_t(i) * texts_.stride, texts_.stride, end - i};
+                if (HeadGroups *sub = filled<HeadGroups>(run, match, fold_, pl, b, k_ + 1)) nested_[made++] = {i, sub};
+            }
+            i = end;
+        }
+        nested_.shrink(made);
+    }
+
+    /* The table of the long run starting at entry `first`. */
+    struct Nested {
+        std::uint32_t first;
+        HeadGroups *table;
+    };
+
+    Texts texts_{};
+    Array<Slot> slots_;
+    Array<Nested> nested_; /* by first entry */
+    Comparator cmp_ = nullptr;
+    const unsigned char *begin_ = nullptr, *end_ = nullptr; /* the padded payload */
+    unsigned k_ = kMaxHead;
+    bool fold_ = true, backward_ = false;
+};
+
 // ---- Substring scans --------------------------------------------------------------------
 //
 // An entry of four bytes or more is found through one of its four-byte
@@ -959,6 +1244,7 @@ public:
 
     std::int64_t find(const unsigned char *key) const override { return scan(key, false); }
     std::int64_t find_some(const unsigned char *key) const override { return scan(key, true); }
+    Shape shape() const override { return Shape::Substr; }
 
 private:
     /* The lowest entry number that occurs, or with `some` the first found. */
@@ -1147,10 +1433,10 @@ struct Use {
     Selection selection;
 };
 
-/* Indexes are built in two rounds: first the hash tables, bucket tables
+/* Indexes are built in three rounds: first the hash tables, bucket tables
  * and substring filters, which gain the most for their memory, then the
- * decision trees with the memory left. */
-enum class Round { Direct, Trees };
+ * head tables, then the decision trees with the memory left. */
+enum class Round { Direct, Heads, Trees };
 
 /* make() under a reservation of `bytes` of the memory budget, which is
  * given back when make() builds nothing. */
@@ -1169,19 +1455,26 @@ std::uint64_t tree_bytes(std::uint64_t n, std::uint64_t node) { return kIndexBas
 Accel *index_texts(const Texts &t, const Use &u, const Options &o, const Payload &pl, Budget &b, Round r)
 {
     const std::uint64_t n = t.count;
-    if (r == Round::Trees) {
+    switch (r) {
+    case Round::Direct:
+        if (u.match == Match::Substr) {
+            if (n < o.min_substr_entries) return nullptr;
+            /* Gram slots, candidates, anchors while building, filter bits. */
+            return within(b, 2 * kIndexBase + 48 * n, [&] { return SubstrIndex::make(t, u.fold, pl, b); });
+        }
+        if (u.match != Match::Exact || !o.hash_exact || n < o.min_entries) return nullptr;
+        return within(b, kIndexBase + 18 * n, [&] { return HashIndex::make(t, u.fold, pl, b); });
+    case Round::Heads:
+        /* The table reserves its own memory once it knows its runs. */
+        if (u.match == Match::Exact || u.match == Match::Substr || !o.head_groups || n < o.min_head_entries) return nullptr;
+        return HeadGroups::make(t, u.match, u.fold, pl, b);
+    case Round::Trees:
         if (u.match == Match::Substr || n < o.min_tree_entries) return nullptr;
         /* The nodes, and one word per entry while building. */
         return within(b, tree_bytes(n, sizeof(TextNode)) + 8 * n,
                       [&] { return TextTree::make(t, u.match, u.fold, pl, b); });
     }
-    if (u.match == Match::Substr) {
-        if (n < o.min_substr_entries) return nullptr;
-        /* Gram slots, candidates, anchors while building, filter bits. */
-        return within(b, 2 * kIndexBase + 48 * n, [&] { return SubstrIndex::make(t, u.fold, pl, b); });
-    }
-    if (u.match != Match::Exact || !o.hash_exact || n < o.min_entries) return nullptr;
-    return within(b, kIndexBase + 18 * n, [&] { return HashIndex::make(t, u.fold, pl, b); });
+    return nullptr;
 }
 
 /* The indexes of one image, found by list record address. */
@@ -1295,7 +1588,8 @@ template <class List>
 constexpr bool kRangeList = std::is_same_v<List, ip_rng_list_st> || std::is_same_v<List, ipv6_rng_list_st> ||
                             std::is_same_v<List, port_rng_list_st>;
 
-/* Fewest entries for which a list of this kind gets a tree (or a hash). */
+/* Fewest entries for which a list of this kind gets a tree (or a hash or
+ * head table). */
 template <class List>
 std::uint32_t tree_threshold(const Use &u, const Options &o)
 {
@@ -1307,7 +1601,8 @@ std::uint32_t tree_threshold(const Use &u, const Options &o)
     else
         return u.match == Match::Substr ? o.min_substr_entries
                : u.match == Match::Exact && o.hash_exact ? std::min(o.min_entries, o.min_tree_entries)
-                                                          : o.min_tree_entries;
+               : o.head_groups ? std::min(o.min_head_entries, o.min_tree_entries)
+                               : o.min_tree_entries;
 }
 
 /* Fewest entries for which a list of this kind is indexed at all: ordered
@@ -1347,12 +1642,13 @@ Accel *index_list(const List &l, const Use &u, const Options &o, const Payload &
 {
     if constexpr (kRangeList<List>) {
         if (r == Round::Direct) return o.ordered_ranges ? index_ordered_ranges(l, b) : nullptr;
+        if (r != Round::Trees) return nullptr;
         return fixed(l, o, b, [](const List &x, Budget &bb) { return index_ranges(x, bb); });
     } else if constexpr (std::is_same_v<List, iimap_list_st> || std::is_same_v<List, ismap_list_st>) {
-        if (r == Round::Direct) return nullptr;
+        if (r != Round::Trees) return nullptr;
         return fixed(l, o, b, [](const List &x, Budget &bb) { return index_int_keys(x, bb); });
     } else if constexpr (std::is_same_v<List, ipv6imap_list_st>) {
-        if (r == Round::Direct) return nullptr;
+        if (r != Round::Trees) return nullptr;
         return fixed(l, o, b, [](const List &x, Budget &bb) { return index_ipv6_keys(x, bb); });
     } else if constexpr (std::is_same_v<List, simap_list_st> || std::is_same_v<List, sipv6map_list_st> ||
                          std::is_same_v<List, ssmap_list_st>) {
@@ -1403,7 +1699,7 @@ int build(taz_pattern_st *ptn, const Options &opt)
         delete ix;
         return -1;
     }
-    for (const Round round : {Round::Direct, Round::Trees})
+    for (const Round round : {Round::Direct, Round::Heads, Round::Trees})
         each_list(ptn, [&](const auto &list, const Use &u) {
             if (budget.left == 0 || !wanted(list, u, opt) || ix->find(&list) != nullptr) return;
             Accel *a = index_list(list, u, opt, pl, budget, round);
@@ -1430,6 +1726,7 @@ std::int64_t lookup(const Accel *a, const unsigned char *key) { return a ? a->fi
 std::int64_t lookup(const Accel *a, std::uint32_t key) { return a ? a->find(key) : kPlain; }
 std::int64_t lookup_some(const Accel *a, const unsigned char *key) { return a ? a->find_some(key) : kPlain; }
 std::int64_t lookup_some(const Accel *a, std::uint32_t key) { return lookup(a, key); }
+Shape shape(const Accel *a) { return a->shape(); }
 bool accepts(const Accel *a, int map_type) { return a != nullptr && selects(a->selection, a->rule, map_type); }
 
 } // namespace taze::fast

@@ -12,7 +12,16 @@
  *   over them the bisection finds a range holding the key exactly when one
  *   exists, so a bucket table over the key span, and a short search among
  *   the ranges of the key's bucket, answers as it does;
- * - every other bisected array (prefix and suffix lists and keys, exact
+ * - prefix and suffix lists and keys whose entries are all at least K bytes
+ *   long (K between 4 and 16) with no NUL among their K leading bytes (the
+ *   K trailing ones for suffixes), and whose heads of K bytes never decrease
+ *   along the list: a hash table from a head to the run of entries sharing
+ *   it. Every comparison with an entry outside the run of the key's head is
+ *   decided by the heads alone, so the bisection is replayed with only the
+ *   run's entries read (a run of one entry decides alone), and a key whose
+ *   head no entry has matches nothing;
+ * - every other bisected array (prefix and suffix lists and keys otherwise,
+ *   exact
  *   lists in the wrong order, range lists in any other order, integer and
  *   IPv6 map keys): the bisection's own decision tree stored breadth-first, so
  *   the same entries are probed in the same order, each probe reading one
@@ -74,7 +83,12 @@ struct Options {
     std::uint32_t min_substr_entries = 4;      /* substring scans */
     bool hash_exact = true;                    /* hash sorted exact lists (else tree) */
     bool ordered_ranges = true;                /* bucket tables for ascending, non-overlapping ranges */
+    bool head_groups = true;                   /* head tables for prefix and suffix lists (else tree) */
+    std::uint32_t min_head_entries = 1u << 13; /* head tables */
 };
+
+/* What an index is, for tests and benchmarks. */
+enum class Shape { Hash, Buckets, Heads, Tree, Substr };
 
 /* taz_fast_build with explicit thresholds (the tests index every list). */
 int build(taz_pattern_st *ptn, const Options &opt);
@@ -91,6 +105,8 @@ std::int64_t lookup(const Accel *a, std::uint32_t key);
  * search returns (for searches that answer only 1 or 0), or kMiss, kPlain. */
 std::int64_t lookup_some(const Accel *a, const unsigned char *key);
 std::int64_t lookup_some(const Accel *a, std::uint32_t key);
+/* The kind of an index (not null). */
+Shape shape(const Accel *a);
 /* True when a map search of this map type uses the rule the index keeps. */
 bool accepts(const Accel *a, int map_type);
 

@@ -14,6 +14,9 @@
 #include <cstring>
 #include <type_traits>
 
+#include <sys/mman.h>
+#include <unistd.h>
+
 #include "byteorder.h"
 #include "taze_fast.h"
 #include "vk_platform.h"
@@ -60,7 +63,9 @@ template <typename T>
 T *alloc_zeroed(std::uint64_t n)
 {
     /* Never a zero-byte request: an empty array is still a present array. */
-    return static_cast<T *>(std::calloc(n != 0 ? n : 1, sizeof(T)));
+    T *a = static_cast<T *>(std::calloc(n != 0 ? n : 1, sizeof(T)));
+    if (a != nullptr) taz_prefault(a, n * sizeof(T));
+    return a;
 }
 
 /* ---- Loader preconditions --------------------------------------------------
@@ -617,6 +622,7 @@ Image *load_image(const unsigned char *buf, UINT32 len, unsigned kind)
     if (buf == nullptr) return nullptr;
     auto *copy = static_cast<unsigned char *>(std::malloc(std::size_t(len) + TAZ_PTN_PAD));
     if (copy == nullptr) return nullptr;
+    taz_prefault(copy, len);
     std::memcpy(copy, buf, len);
     return adopt_image(copy, len, std::size_t(len) + TAZ_PTN_PAD, kind);
 }
@@ -735,3 +741,16 @@ TAZ_LIST_FAMILY(taz_load_str_int_map_ptns, taz_unload_str_int_map_ptns, simap_li
 TAZ_LIST_FAMILY(taz_load_str_ipv6_map_ptns, taz_unload_str_ipv6_map_ptns, sipv6map_list_st)
 TAZ_LIST_FAMILY(taz_load_int_str_map_ptns, taz_unload_int_str_map_ptns, ismap_list_st)
 TAZ_LIST_FAMILY(taz_load_str_str_map_ptns, taz_unload_str_str_map_ptns, ssmap_list_st)
+
+#ifndef MADV_POPULATE_WRITE
+#define MADV_POPULATE_WRITE 23 /* Linux 5.14 */
+#endif
+
+void taz_prefault(void *p, size_t n)
+{
+    if (p == nullptr || n < (size_t(1) << 20)) return;
+    const uintptr_t page = uintptr_t(sysconf(_SC_PAGESIZE));
+    const uintptr_t first = (uintptr_t(p) + page - 1) & ~(page - 1);
+    const uintptr_t last = (uintptr_t(p) + n) & ~(page - 1);
+    if (last > first) (void)madvise(reinterpret_cast<void *>(first), last - first, MADV_POPULATE_WRITE);
+}

@@ -86,6 +86,13 @@ void ulm_unload_pattern(taz_pattern_st *ptn);
  * body this way, so that a load never holds the payload twice. buf is
  * owned by the callee from the call on: kept by the image, or freed. */
 taz_pattern_st *taz_adopt_pattern(unsigned char *buf, UINT32 len, size_t capacity);
+
+/* Asks the kernel to make the pages of bytes [p, p + n) of an allocation
+ * present now, in one call, rather than one page fault at a time as they
+ * are first written (a fault costs several microseconds in a virtual
+ * machine). Only for allocations of 1 MiB and more; a hint that changes
+ * nothing when the kernel refuses it. */
+void taz_prefault(void *p, size_t n);
 taz_pattern_st *ulm_adopt_pattern(unsigned char *buf, UINT32 len, size_t capacity);
 void ulm_pattern_init(taz_pattern_st *ptn);
 void ulm_pattern_fini(taz_pattern_st *ptn);

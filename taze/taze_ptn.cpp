@@ -114,6 +114,7 @@ bool fill_array(LeCursor &c, UINT32 n, UINT32 &nr, T *&arr, Read &&read,
     if (!count_fits(n, kMinStride, c.remaining()) || !take_elements(n)) return false;
     arr = static_cast<T *>(std::calloc(n ? n : 1u, slot));
     if (!arr) return false;
+    taz_prefault(arr, std::size_t(n) * slot);
     nr = n;
     for (UINT32 i = 0; i < n; ++i)
         if (!read(c, arr[i])) return false;

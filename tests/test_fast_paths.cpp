@@ -15,6 +15,7 @@ extern "C" std::size_t __sanitizer_get_current_allocated_bytes(); /* the sanitiz
 #include <string>
 #include <vector>
 
+#include "bisect.h"
 #include "taze_fast.h"
 #include "taze_impl.h"
 #include "tazapi.h"
@@ -36,8 +37,8 @@ constexpr Layout kLayouts[] = {Layout::Sorted, Layout::Shuffled, Layout::SortedW
                                Layout::SortedUnique};
 
 /* Index every list, with the hash or with the tree for exact lists. */
-constexpr fast::Options kEveryList{0, 0, 0, true};
-constexpr fast::Options kTreesOnly{0, 0, 0, false, false};
+constexpr fast::Options kEveryList{0, 0, 0, true, true, true, 0};
+constexpr fast::Options kTreesOnly{0, 0, 0, false, false, false};
 
 struct Rng {
     std::mt19937 g;
@@ -52,16 +53,32 @@ struct Rng {
         for (char &c : s) c = abc[below(sizeof abc - 1)];
         return s;
     }
+    /* n bytes of three letters under folding, so that heads repeat. */
+    std::string head(unsigned n)
+    {
+        static const char abc[] = "aAbB.";
+        std::string s(n, 'a');
+        for (char &c : s) c = abc[below(sizeof abc - 1)];
+        return s;
+    }
 };
 
+bool backwards(tazw::Order order) { return order == tazw::Order::FoldReversed || order == tazw::Order::BytewiseReversed; }
+
 /* Entries of one list: texts, some equal but for case, some with a NUL;
- * or, sorted and unique, neither (as a compiled file holds them). */
-std::vector<std::string> entries(Rng &r, Layout layout, tazw::Order order)
+ * or, sorted and unique, neither (as a compiled file holds them). With a
+ * head length, every entry starts (or for suffix orders ends) with that many
+ * bytes of few letters and no NUL, one in 150 excepted. */
+std::vector<std::string> entries(Rng &r, Layout layout, tazw::Order order, unsigned head = 0)
 {
     std::vector<std::string> v(r.below(90));
+    const bool at_end = backwards(order);
     for (std::string &s : v) {
         s = r.text(9);
-        if (layout != Layout::SortedUnique && r.one_in(25)) s.insert(s.begin() + r.below(unsigned(s.size()) + 1), '\0');
+        if (head > 0) s = at_end ? s + r.head(head) : r.head(head) + s;
+        const unsigned clean = head > 0 && r.one_in(150) ? 0 : head;
+        if (layout != Layout::SortedUnique && r.one_in(25))
+            s.insert(s.begin() + r.below(unsigned(s.size()) - clean + 1) + (at_end ? 0 : clean), '\0');
     }
     if (layout == Layout::SortedUnique) {
         tazw::sort_in(order, v);
@@ -138,9 +155,12 @@ struct StringFamily {
     int (*plain)(const unsigned char *, const List *);
 };
 
+/* Checks every list of a family in every layout; answers how many lists got
+ * a head table. */
 template <class List>
-void check_string_family(const StringFamily<List> &f, unsigned seed)
+int check_string_family(const StringFamily<List> &f, unsigned seed, unsigned head = 0)
 {
+    int heads = 0;
     for (Layout layout : kLayouts)
         for (bool runs_on : {false, true}) {
             Rng r(seed++);
@@ -148,24 +168,31 @@ void check_string_family(const StringFamily<List> &f, unsigned seed)
             std::vector<std::vector<std::string>> lists(4);
             Bytes body;
             for (std::uint32_t i = 0; i < lists.size(); ++i) {
-                lists[i] = entries(r, layout, order);
+                lists[i] = entries(r, layout, order, head);
                 const Bytes one = tazw::list(i, std::uint32_t(lists[i].size()), string_entries(lists[i], r, runs_on));
                 body.insert(body.end(), one.begin(), one.end());
             }
             Image img(tazw::section(f.magic, std::uint32_t(lists.size()), body));
-            ASSERT_NE(img.p, nullptr) << f.name;
+            EXPECT_NE(img.p, nullptr) << f.name;
+            if (img.p == nullptr) return heads;
             for (const fast::Options &o : {kEveryList, kTreesOnly}) {
-                ASSERT_EQ(fast::build(img.p, o), 0) << f.name;
+                EXPECT_EQ(fast::build(img.p, o), 0) << f.name;
                 for (std::uint32_t i = 0; i < lists.size(); ++i) {
                     const List *l = &(img.p->*f.lists)[i];
-                    ASSERT_NE(fast::find(img.p, l), nullptr) << f.name << " list " << i;
-                    for (const std::string &key : keys_for(r, lists[i]))
-                        ASSERT_EQ(fast::list_search(img.p, l, bytes(key), f.plain), f.plain(bytes(key), l))
+                    const fast::Accel *a = fast::find(img.p, l);
+                    EXPECT_NE(a, nullptr) << f.name << " list " << i;
+                    if (a == nullptr) return heads;
+                    heads += fast::shape(a) == fast::Shape::Heads ? 1 : 0;
+                    for (const std::string &key : keys_for(r, lists[i])) {
+                        EXPECT_EQ(fast::list_search(img.p, l, bytes(key), f.plain), f.plain(bytes(key), l))
                             << f.name << " list " << i << " key '" << key << "' layout " << int(layout)
-                            << " hash " << o.hash_exact;
+                            << " hash " << o.hash_exact << " head " << head;
+                        if (testing::Test::HasFailure()) return heads;
+                    }
                 }
             }
         }
+    return heads;
 }
 
 TEST(FastPaths, StringListsAnswerAsThePlainSearches)
@@ -178,6 +205,60 @@ TEST(FastPaths, StringListsAnswerAsThePlainSearches)
     check_string_family<str_prefix_case_list_st>({"case prefix", magic4("PRCA"), &Pattern::string_prefix_case_lists, &Pattern::max_string_prefix_case_list_count, str_prefix_case_list_search}, 600);
     check_string_family<str_suffix_case_list_st>({"case suffix", magic4("SFCA"), &Pattern::string_suffix_case_lists, &Pattern::max_string_suffix_case_list_count, str_suffix_case_list_search}, 700);
     check_string_family<str_substr_case_list_st>({"case substring", magic4("SUCA"), &Pattern::string_substr_case_lists, &Pattern::max_string_substr_case_list_count, str_substr_case_list_search}, 800);
+}
+
+/* Prefix and suffix lists whose entries share heads of several bytes get
+ * head tables when their heads never decrease (sorted layouts), and
+ * trees or the plain search otherwise; NULs inside entries, a rare one in
+ * a head, and entries equal but for case are among them. */
+TEST(FastPaths, HeadTablesAnswerAsThePlainSearches)
+{
+    int heads = 0;
+    for (unsigned head : {4u, 5u, 8u, 13u}) {
+        heads += check_string_family<str_prefix_list_st>({"prefix", magic4("PRE"), &Pattern::string_prefix_lists, &Pattern::max_string_prefix_list_count, str_prefix_list_search}, 1200 + head, head);
+        heads += check_string_family<str_suffix_list_st>({"suffix", magic4("SUF"), &Pattern::string_suffix_lists, &Pattern::max_string_suffix_list_count, str_suffix_list_search}, 1300 + head, head);
+        heads += check_string_family<str_prefix_case_list_st>({"case prefix", magic4("PRCA"), &Pattern::string_prefix_case_lists, &Pattern::max_string_prefix_case_list_count, str_prefix_case_list_search}, 1600 + head, head);
+        heads += check_string_family<str_suffix_case_list_st>({"case suffix", magic4("SFCA"), &Pattern::string_suffix_case_lists, &Pattern::max_string_suffix_case_list_count, str_suffix_case_list_search}, 1700 + head, head);
+    }
+    EXPECT_GT(heads, 200);
+}
+
+/* A run of more entries than a slot counts (300 sharing the head "runrun",
+ * one of them no longer than it) and a long run whose entries all go on
+ * ("nestne" and a number: a table of its own for heads of seven bytes),
+ * among runs of one: the entry the table answers is the one the plain
+ * bisection stops at. */
+TEST(FastPaths, HeadTablesFindTheEndsOfLongRuns)
+{
+    for (bool suffix : {false, true}) {
+        Rng r(suffix ? 91 : 90);
+        const tazw::Order order = suffix ? tazw::Order::FoldReversed : tazw::Order::Fold;
+        std::vector<std::string> v = {"runrun"};
+        for (int i = 0; i < 300; ++i) v.push_back(suffix ? std::to_string(i) + "RunRun" : "runrun" + std::to_string(i));
+        for (int i = 0; i < 120; ++i) v.push_back(suffix ? std::to_string(i) + "nestne" : "nestne" + std::to_string(i));
+        for (int i = 0; i < 400; ++i) v.push_back(r.head(6) + r.text(4));
+        tazw::sort_in(order, v);
+        v.erase(std::unique(v.begin(), v.end(), [&](const std::string &a, const std::string &b) { return !tazw::less_in(order, a, b); }), v.end());
+        Image img(tazw::section(magic4(suffix ? "SUF" : "PRE"), 1, tazw::list(0, std::uint32_t(v.size()), tazw::string_entries(v))));
+        ASSERT_NE(img.p, nullptr);
+        ASSERT_EQ(fast::build(img.p, kEveryList), 0);
+        const str_prefix_list_st *pl = img.p->string_prefix_lists;
+        const str_suffix_list_st *sl = img.p->string_suffix_lists;
+        const counted_string_t *items = suffix ? sl->strings : pl->strings;
+        const std::uint32_t n = suffix ? sl->nr_strings : pl->nr_strings;
+        const fast::Accel *a = fast::find(img.p, suffix ? static_cast<const void *>(sl) : pl);
+        ASSERT_NE(a, nullptr);
+        ASSERT_EQ(fast::shape(a), fast::Shape::Heads);
+        std::vector<std::string> keys = keys_for(r, v);
+        for (const char *k : {"runrun", "RUNRUN", "runru", "xrunrun", "runrunx", "runrun150", "150runrun", "runrun299", "0runrun",
+                              "nestne", "nestne7", "nestne77", "77nestne", "nestne119x", "x119nestne", "nestne1199", "nestneX"})
+            keys.push_back(k);
+        for (const std::string &key : keys) {
+            const counted_string_t k{bytes(key), UINT32(key.size())};
+            const counted_string_t *hit = taze::bisect(&k, items, n, suffix ? str_compare_reverse_prefix : str_compare_prefix);
+            ASSERT_EQ(fast::lookup(a, bytes(key)), hit ? hit - items : fast::kMiss) << key << (suffix ? " suffix" : " prefix");
+        }
+    }
 }
 
 /* ---- ranges ------------------------------------------------------------------------- */
@@ -264,11 +345,15 @@ void check_map(const Pattern *p, const List *l, Key key, int map_type, Value val
 TEST(FastPaths, StringKeyedMapsFindTheSameEntries)
 {
     /* String-to-string maps of every key and value rule, and string-to-integer maps. */
+    /* Keys of any length, and keys sharing heads of six bytes (head tables
+     * for prefix and suffix keys). */
+    int heads = 0;
+    for (unsigned head : {0u, 6u})
     for (int map_type : {0, 1, 2, 3, 256, 257, 258, 259, 512, 513, 514, 515, 768, 769, 770, 771})
         for (Layout layout : kLayouts) {
-            Rng r(unsigned(map_type) * 7 + unsigned(layout));
+            Rng r(unsigned(map_type) * 7 + unsigned(layout) + head * 1000);
             const unsigned key_rule = unsigned(map_type) >> 8;
-            std::vector<std::string> keys = entries(r, layout, tazw::order_for_rule(key_rule));
+            std::vector<std::string> keys = entries(r, layout, tazw::order_for_rule(key_rule), head);
             std::vector<tazw::StrStrEntry> ss;
             std::vector<tazw::StrIntEntry> si;
             for (const std::string &k : keys) {
@@ -298,6 +383,7 @@ TEST(FastPaths, StringKeyedMapsFindTheSameEntries)
             const simap_list_st *sil = si_arrays[key_rule];
             ASSERT_NE(ssl, nullptr);
             ASSERT_NE(fast::find(img.p, ssl), nullptr);
+            heads += fast::shape(fast::find(img.p, ssl)) == fast::Shape::Heads ? 1 : 0;
             for (const std::string &key : keys_for(r, keys))
                 for (int asked : kMapTypes) {
                     const std::string what = "map type " + std::to_string(map_type) + " asked " + std::to_string(asked) + " key '" + key + "'";
@@ -308,6 +394,7 @@ TEST(FastPaths, StringKeyedMapsFindTheSameEntries)
                                   "simap " + what);
                 }
         }
+    EXPECT_GT(heads, 20);
 }
 
 /* The same for the key searches that take no map type. */
