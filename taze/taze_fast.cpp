@@ -236,6 +236,40 @@ inline std::size_t slot_in(std::uint64_t h, std::size_t size)
 {
     return std::size_t((unsigned __int128)(h >> 32 | h << 32) * size >> 64);
 }
+/* The slot after i in a linear probe. */
+inline std::size_t next_slot(std::size_t i, std::size_t size) { return i + 1 == size ? 0 : i + 1; }
+
+/* Fills an open-addressing table in blocks: a block's home slots are
+ * prefetched as its records arrive and written when it is full, so that
+ * their cache misses overlap. Slot::free() tells a free slot. */
+template <class Slot>
+class BlockInserter {
+public:
+    explicit BlockInserter(Array<Slot> &table) : table_(table) {}
+    void add(std::uint64_t h, const Slot &s)
+    {
+        hashes_[used_] = h;
+        block_[used_++] = s;
+        prefetch(&table_[slot_in(h, table_.size())]);
+        if (used_ == kBlock) flush();
+    }
+    void flush()
+    {
+        for (std::uint32_t j = 0; j < used_; ++j) {
+            std::size_t at = slot_in(hashes_[j], table_.size());
+            while (!table_[at].free()) at = next_slot(at, table_.size());
+            table_[at] = block_[j];
+        }
+        used_ = 0;
+    }
+
+private:
+    static constexpr std::uint32_t kBlock = 32;
+    Array<Slot> &table_;
+    Slot block_[kBlock];
+    std::uint64_t hashes_[kBlock];
+    std::uint32_t used_ = 0;
+};
 
 /* A new T filled by T::fill(args...), or null (no memory, or fill refused). */
 template <class T, class... A>
@@ -273,7 +307,7 @@ public:
             const Slot &s = slots_[i];
             if (s.idx == kEmpty) return kMiss;
             if (s.tag == tag && same(key, klen, s)) return s.idx;
-            i = i + 1 == slots_.size() ? 0 : i + 1;
+            i = next_slot(i, slots_.size());
         }
     }
 
@@ -282,6 +316,7 @@ private:
         std::uint32_t idx; /* entry number, kEmpty for a free slot */
         std::uint32_t tag; /* high bits of the hash */
         std::uint32_t off; /* the entry's text, from the payload start */
+        bool free() const { return idx == kEmpty; }
     };
     static_assert(sizeof(Slot) == 12, "three words a slot");
 
@@ -309,34 +344,21 @@ private:
         if (!slots_.allocate(std::size_t(n) + n / 2 + 1)) return false;
         for (std::size_t i = 0; i < slots_.size(); ++i) slots_[i].idx = kEmpty;
         const Comparator cmp = fold ? str_compare : str_case_compare;
-        /* In blocks: hash a block and prefetch its slots, then insert it, so
-         * that the slots' cache misses overlap. */
-        constexpr std::uint32_t kBlock = 32;
-        std::uint64_t hashes[kBlock];
-        for (std::uint32_t first = 0; first < n; first += kBlock) {
-            const std::uint32_t count = std::min(kBlock, n - first);
-            for (std::uint32_t j = 0; j < count; ++j) {
-                const std::uint32_t i = first + j;
-                const counted_string_t &s = t.at(i);
-                if (!pl.holds(s)) return false;
-                const std::int64_t len = pl.view(s.ptr);
-                if (len < 0 || !b.take(2 * std::uint64_t(len) + 16)) return false;
-                /* Strictly ascending: the bisection meets the one equal entry. */
-                if (i > 0 && cmp(&t.at(i - 1), &s) >= 0) return false;
-                hashes[j] = hash_bytes(s.ptr, std::size_t(len), fold);
-                prefetch(&slots_[slot_of(hashes[j])]);
-            }
-            for (std::uint32_t j = 0; j < count; ++j) {
-                std::size_t k = slot_of(hashes[j]);
-                while (slots_[k].idx != kEmpty) k = k + 1 == slots_.size() ? 0 : k + 1;
-                const unsigned char *text = t.at(first + j).ptr;
-                slots_[k] = {first + j, std::uint32_t(hashes[j] >> 32), std::uint32_t(text - pl.begin)};
-            }
+        BlockInserter<Slot> table(slots_);
+        for (std::uint32_t i = 0; i < n; ++i) {
+            const counted_string_t &s = t.at(i);
+            if (!pl.holds(s)) return false;
+            const std::int64_t len = pl.view(s.ptr);
+            if (len < 0 || !b.take(2 * std::uint64_t(len) + 16)) return false;
+            /* Strictly ascending: the bisection meets the one equal entry. */
+            if (i > 0 && cmp(&t.at(i - 1), &s) >= 0) return false;
+            const std::uint64_t h = hash_bytes(s.ptr, std::size_t(len), fold);
+            table.add(h, {i, std::uint32_t(h >> 32), std::uint32_t(s.ptr - pl.begin)});
         }
+        table.flush();
         return true;
     }
 
-    using Comparator = int (*)(const void *, const void *);
     Array<Slot> slots_;
     const unsigned char *base_ = nullptr;
     bool fold_ = true;
@@ -961,6 +983,7 @@ private:
     struct Slot {
         std::uint32_t first;
         std::uint32_t tagged;
+        bool free() const { return tagged == 0; }
     };
     static_assert(sizeof(Slot) == 8, "two words a slot");
     static constexpr std::uint32_t kCountMask = 0xFF, kLongRun = 0xFF;
@@ -974,9 +997,9 @@ private:
         const U128 h = klen >= kMaxHead ? head_words(key, klen) : head_bytes(key, klen);
         const std::uint64_t hv = hash(h);
         const std::uint32_t tag = tag_of(hv);
-        for (std::size_t i = slot_in(hv, slots_.size());; i = i + 1 == slots_.size() ? 0 : i + 1) {
+        for (std::size_t i = slot_in(hv, slots_.size());; i = next_slot(i, slots_.size())) {
             const Slot &s = slots_[i];
-            if (s.tagged == 0) return false;
+            if (s.free()) return false;
             if ((s.tagged & ~kCountMask) != tag || order(entry_head(s.first), h) != 0) continue;
             a = s.first;
             const std::uint32_t count = s.tagged & kCountMask;
@@ -1091,74 +1114,56 @@ private:
         }
         if (k < min_head) return false;
         k_ = k;
-        /* Heads never decrease; count the runs. */
-        std::uint64_t runs = 1;
-        U128 prev = entry_head(0);
-        for (std::uint32_t i = 1; i < n; ++i) {
-            const U128 h = entry_head(i);
-            const int c = order(h, prev);
-            if (c < 0) return false;
-            runs += c != 0 ? 1 : 0;
-            prev = h;
-        }
-        if (runs * kMaxRun < n) return false;
+        /* Heads never decrease; count the runs, and the long ones. */
+        std::uint64_t runs = 0, long_runs = 0;
+        const bool ordered = each_run([&](std::uint32_t first, std::uint32_t end, const U128 &) {
+            ++runs;
+            long_runs += end - first >= kNested ? 1 : 0;
+        });
+        if (!ordered || runs * kMaxRun < n) return false;
         const std::uint64_t slots = runs + runs / 4 + 1, bytes = kIndexBase + slots * sizeof(Slot);
         if (!b.reserve(bytes)) return false;
         if (!slots_.allocate(slots)) {
             b.memory += bytes;
             return false;
         }
-        /* In blocks: hash a block of runs and prefetch their slots, then
-         * insert them, so that the slots' cache misses overlap. */
-        constexpr std::uint32_t kBlock = 32;
-        Slot block[kBlock];
-        std::uint64_t hashes[kBlock];
-        std::uint32_t used = 0;
-        auto flush = [&] {
-            for (std::uint32_t j = 0; j < used; ++j) {
-                std::size_t at = slot_in(hashes[j], slots_.size());
-                while (slots_[at].tagged != 0) at = at + 1 == slots_.size() ? 0 : at + 1;
-                slots_[at] = block[j];
-            }
-            used = 0;
-        };
-        std::uint32_t first = 0;
-        std::uint64_t long_runs = 0;
-        U128 h = entry_head(0);
-        for (std::uint32_t i = 1; i <= n; ++i) {
-            const U128 next = i < n ? entry_head(i) : U128{};
-            if (i < n && order(next, h) == 0) continue;
+        /* Long runs whose entries all have heads longer than K get tables
+         * of their own (none where memory or budget runs short: such a run
+         * is then bisected). */
+        const bool nest = long_runs > 0 && k_ < kMaxHead && b.reserve(long_runs * sizeof(Nested)) &&
+                          nested_.allocate(long_runs);
+        std::size_t made = 0;
+        BlockInserter<Slot> table(slots_);
+        each_run([&](std::uint32_t first, std::uint32_t end, const U128 &h) {
             const std::uint64_t hv = hash(h);
-            hashes[used] = hv;
-            block[used++] = {first, tag_of(hv) | std::min<std::uint32_t>(i - first, kLongRun)};
-            prefetch(&slots_[slot_in(hv, slots_.size())]);
-            if (used == kBlock) flush();
-            long_runs += i - first >= kNested ? 1 : 0;
-            first = i;
-            h = next;
-        }
-        flush();
-        if (long_runs > 0 && k_ < kMaxHead) nest(long_runs, match, pl, b);
+            table.add(hv, {first, tag_of(hv) | std::min<std::uint32_t>(end - first, kLongRun)});
+            if (!nest || end - first < kNested) return;
+            const Texts run{texts_.base + std::size_t(first) * texts_.stride, texts_.stride, end - first};
+            if (HeadGroups *sub = filled<HeadGroups>(run, match, fold_, pl, b, k_ + 1)) nested_[made++] = {first, sub};
+        });
+        table.flush();
+        nested_.shrink(made);
         return true;
     }
 
-    /* Tables for the long runs whose entries all have heads longer than K
-     * (none where memory or budget runs short: the run is then bisected). */
-    void nest(std::uint64_t long_runs, Match match, const Payload &pl, Budget &b)
+    /* fn(first, end, head) for every run of entries sharing a head, in order;
+     * false, with no call after, where a head is below the one before. */
+    template <class Fn>
+    bool each_run(Fn &&fn) const
     {
-        if (!b.reserve(long_runs * sizeof(Nested)) || !nested_.allocate(long_runs)) return;
-        std::size_t made = 0;
-        for (std::uint32_t i = 0; i < texts_.count;) {
-            const U128 h = entry_head(i);
-            std::uint32_t end = i + 1;
-            while (end < texts_.count && order(entry_head(end), h) == 0) ++end;
-            if (end - i >= kNested) {
-                const Texts run{texts_.base + std::size_t(i) * texts_.stride, texts_.stride, end - i};
-                if (HeadGroups *sub = filled<HeadGroups>(run, match, fold_, pl, b, k_ + 1)) nested_[made++] = {i, sub};
-            }
-            i = end;
+        const std::uint32_t n = texts_.count;
+        std::uint32_t first = 0;
+        U128 h = entry_head(0);
+        for (std::uint32_t i = 1; i <= n; ++i) {
+            const U128 next = i < n ? entry_head(i) : U128{};
+            const int c = i < n ? order(next, h) : 1;
+            if (c < 0) return false;
+            if (c == 0) continue;
+            fn(first, i, h);
+            first = i;
+            h = next;
         }
-        nested_.shrink(made);
+        return true;
     }
 
     /* The table of the long run starting at entry `first`. */
@@ -1228,7 +1233,7 @@ public:
 
 private:
     std::size_t home(std::uint32_t g) const { return std::size_t(std::uint64_t(g * 0x9E3779B1u) * slots_.size() >> 32); }
-    std::size_t next(std::size_t i) const { return i + 1 == slots_.size() ? 0 : i + 1; }
+    std::size_t next(std::size_t i) const { return next_slot(i, slots_.size()); }
     Array<GramSlot> slots_;
 };
 

@@ -62,10 +62,7 @@ struct Scope {
 template <typename T>
 T *alloc_zeroed(std::uint64_t n)
 {
-    /* Never a zero-byte request: an empty array is still a present array. */
-    T *a = static_cast<T *>(std::calloc(n != 0 ? n : 1, sizeof(T)));
-    if (a != nullptr) taz_prefault(a, n * sizeof(T));
-    return a;
+    return static_cast<T *>(taz_alloc_zeroed(n, sizeof(T)));
 }
 
 /* ---- Loader preconditions --------------------------------------------------
@@ -745,6 +742,14 @@ TAZ_LIST_FAMILY(taz_load_str_str_map_ptns, taz_unload_str_str_map_ptns, ssmap_li
 #ifndef MADV_POPULATE_WRITE
 #define MADV_POPULATE_WRITE 23 /* Linux 5.14 */
 #endif
+
+void *taz_alloc_zeroed(uint64_t n, size_t size)
+{
+    if (n > SIZE_MAX / (size ? size : 1)) return nullptr;
+    void *a = std::calloc(n != 0 ? n : 1, size);
+    if (a != nullptr) taz_prefault(a, n * size);
+    return a;
+}
 
 void taz_prefault(void *p, size_t n)
 {

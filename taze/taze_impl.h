@@ -86,6 +86,7 @@ void ulm_unload_pattern(taz_pattern_st *ptn);
  * body this way, so that a load never holds the payload twice. buf is
  * owned by the callee from the call on: kept by the image, or freed. */
 taz_pattern_st *taz_adopt_pattern(unsigned char *buf, UINT32 len, size_t capacity);
+taz_pattern_st *ulm_adopt_pattern(unsigned char *buf, UINT32 len, size_t capacity);
 
 /* Asks the kernel to make the pages of bytes [p, p + n) of an allocation
  * present now, in one call, rather than one page fault at a time as they
@@ -93,7 +94,9 @@ taz_pattern_st *taz_adopt_pattern(unsigned char *buf, UINT32 len, size_t capacit
  * machine). Only for allocations of 1 MiB and more; a hint that changes
  * nothing when the kernel refuses it. */
 void taz_prefault(void *p, size_t n);
-taz_pattern_st *ulm_adopt_pattern(unsigned char *buf, UINT32 len, size_t capacity);
+/* n zeroed elements of `size` bytes (room for one when n is 0, so that an
+ * empty array is still a present array), made present; null on failure. */
+void *taz_alloc_zeroed(uint64_t n, size_t size);
 void ulm_pattern_init(taz_pattern_st *ptn);
 void ulm_pattern_fini(taz_pattern_st *ptn);
 

@@ -112,9 +112,8 @@ bool fill_array(LeCursor &c, UINT32 n, UINT32 &nr, T *&arr, Read &&read,
                 std::size_t slot = sizeof(T))
 {
     if (!count_fits(n, kMinStride, c.remaining()) || !take_elements(n)) return false;
-    arr = static_cast<T *>(std::calloc(n ? n : 1u, slot));
+    arr = static_cast<T *>(taz_alloc_zeroed(n, slot));
     if (!arr) return false;
-    taz_prefault(arr, std::size_t(n) * slot);
     nr = n;
     for (UINT32 i = 0; i < n; ++i)
         if (!read(c, arr[i])) return false;
