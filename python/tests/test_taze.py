@@ -262,3 +262,25 @@ def test_queries_release_the_gil(real_source, real_ptn, call):
     finally:
         sys.setswitchinterval(old)
     assert wakeups >= 3
+
+
+def test_reload_while_querying(example_ptn):
+    """Readers in other threads keep getting whole answers while the
+    pattern is reloaded under them."""
+    p = taze.Pattern(example_ptn)
+    keys = ["malware.example.com", "x.onion", "nothing"] * 3000
+    want = [p.exact_many(0, keys, numpy=False), p.suffix_many(3, keys, numpy=False)]
+    bad = []
+
+    def reader():
+        for _ in range(30):
+            got = [p.exact_many(0, keys, numpy=False), p.suffix_many(3, keys, numpy=False)]
+            bad.extend([got] if got != want else [])
+
+    threads = [threading.Thread(target=reader) for _ in range(3)]
+    for t in threads:
+        t.start()
+    reports = [p.reload() for _ in range(20)]
+    for t in threads:
+        t.join()
+    assert not bad and {r.version for r in reports} == {p.pattern_version}
