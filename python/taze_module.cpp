@@ -346,8 +346,6 @@ struct typed_buffer {
 
 /* ---- the pattern ------------------------------------------------------------------ */
 
-class map_view;
-
 class pattern {
 public:
     static std::shared_ptr<pattern> open(const py::object &path)
