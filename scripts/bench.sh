@@ -11,4 +11,14 @@ scripts/build.sh build/bench -DCMAKE_BUILD_TYPE=Release -DTAZE_BUILD_BENCH=ON -D
   -DTAZE_BUILD_TOOLS=OFF
 out=build/bench/bench-$(date +%Y%m%d-%H%M%S).txt
 build/bench/bench/bench_taze --benchmark_color=false "$@" | tee "$out"
+# Python module: per-key cost of single and bulk calls beside a Python set and the C++ API.
+if cmake --build build/bench -j 2 -t taze_python taze_bench_keys >/dev/null 2>&1; then
+  python=$(sed -n 's/^Python3_EXECUTABLE:[A-Z]*=//p' build/bench/CMakeCache.txt)
+  keys=1000000
+  for a in "$@"; do [ "$a" = --quick ] && keys=100000; done
+  echo "== Python module" | tee -a "$out"
+  "${python:-python3}" python/bench.py build/bench --keys "$keys" | tee -a "$out"
+else
+  echo "== Python module not built (TAZE_BUILD_PYTHON=OFF): skipped" | tee -a "$out"
+fi
 echo "== results kept in $out"
