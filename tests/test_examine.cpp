@@ -923,12 +923,12 @@ TEST(InspectPick, ExplainsEveryEntryAndPicksTheLoader)
     const std::pair<std::string, std::string> expected[] = {
         {"skipped   a6.ptn", "not a regular file"},
         {"skipped   b3.ptn", "prefix mismatch: the name does not begin with \"a\""},
-        {"skipped   a3.txt", "suffix mismatch: \".txt\" follows the number instead of \".ptn\""},
+        {"skipped   a3.txt", "suffix mismatch: the number after the prefix is not followed by \".ptn\""},
         {"skipped   a4.ptn", "peek failed"},
         {"skipped   a8.ptn", "version mismatch: the file holds version field 9 (1.00009.01) but its name says 8"},
         {"candidate a5.ptn", "1.00005.01"},
         {"candidate a7.ptn", "1.00007.01"},
-        {"a7.ptn  1.00007.01", "fails to load with -96 (READ_ERR): the reader failed with -1"},
+        {"a7.ptn  1.00007.01", "fails to load with -96 (READ_ERR): checksum mismatch in sub-pattern 0"},
         {"a5.ptn  1.00005.01", "loads"},
         {"would load: " + dir + "/a5.ptn", "(pattern version 1.00005.01)"},
     };
