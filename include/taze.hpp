@@ -149,6 +149,14 @@ inline const std::error_category &error_category() noexcept
 
 inline std::error_code make_error_code(errc e) noexcept { return {static_cast<int>(e), error_category()}; }
 
+/* The vkerror.h name of a result code ("READ_ERR"), or "" for another value. */
+inline const char *error_name(int code) noexcept
+{
+    for (const detail::code_info &i : detail::code_table)
+        if (i.code == code) return i.name;
+    return "";
+}
+
 /* Thrown by the loading calls. code() holds the library's result code. */
 class error : public std::system_error {
 public:

@@ -98,7 +98,9 @@ void expect_report(const std::string &dir, const std::string &loaded, const Reas
     for (const auto &e : report.entries) {
         got[e.name] = e.reason;
         EXPECT_EQ(e.result, e.reason == R::load_failed ? READ_ERR : 0) << e.name;
-        if (e.reason == R::loaded) EXPECT_EQ(report.version, e.version);
+        if (e.reason == R::loaded) {
+            EXPECT_EQ(report.version, e.version);
+        }
     }
     EXPECT_EQ(got, reasons);
 }
