@@ -92,10 +92,10 @@ int cmd_pick(const Args &args, std::ostream &out, std::ostream &err)
     const std::string &dir = positional[0], &prefix = positional[1];
     const std::string base = dir.empty() || dir.back() == '/' ? dir : dir + "/";
 
-    std::error_code ec;
-    taze::handle h(ec), library(ec);
-    if (ec) {
-        err << "taze pick: " << ec.message() << "\n";
+    std::error_code ec, ec_library;
+    taze::handle h(ec), library(ec_library);
+    if (ec || ec_library) {
+        err << "taze pick: " << (ec ? ec : ec_library).message() << "\n";
         return kExitFailed;
     }
     taze::load_report report;
