@@ -15,6 +15,7 @@ install(FILES
   ${PROJECT_SOURCE_DIR}/include/tazapi.h
   ${PROJECT_SOURCE_DIR}/include/vkerror.h
   ${PROJECT_SOURCE_DIR}/include/taze.hpp
+  ${PROJECT_SOURCE_DIR}/include/taze_candidates.hpp
   DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/taze)
 
 foreach(tool IN ITEMS tazc taze_inspect)

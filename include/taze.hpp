@@ -16,6 +16,8 @@
  *   std::string results     the C string copies are taken over and freed.
  *   taze::reloading_handle  one writer reloads while any number of threads
  *                           keep querying a snapshot.
+ *   taze::load_report       which file a directory load took and why every
+ *                           other entry of the directory was passed over.
  *
  * String arguments (taze::zstr) accept const char*, std::string and
  * std::string_view. A const char* or std::string is NUL-terminated already
@@ -33,6 +35,7 @@
 #ifndef TAZE_HPP
 #define TAZE_HPP
 
+#include <algorithm>
 #include <array>
 #include <atomic>
 #include <climits>
@@ -51,8 +54,10 @@
 #include <system_error>
 #include <type_traits>
 #include <utility>
+#include <vector>
 
 #include "tazapi.h"
+#include "taze_candidates.hpp"
 
 namespace taze {
 
@@ -143,6 +148,14 @@ inline const std::error_category &error_category() noexcept
 }
 
 inline std::error_code make_error_code(errc e) noexcept { return {static_cast<int>(e), error_category()}; }
+
+/* The vkerror.h name of a result code ("READ_ERR"), or "" for another value. */
+inline const char *error_name(int code) noexcept
+{
+    for (const detail::code_info &i : detail::code_table)
+        if (i.code == code) return i.name;
+    return "";
+}
 
 /* Thrown by the loading calls. code() holds the library's result code. */
 class error : public std::system_error {
@@ -773,6 +786,114 @@ private:
     }
 };
 
+/* ---- directory load reports ----------------------------------------------------------- */
+
+/* One entry of a pattern directory and what a directory load made of it. */
+struct candidate_report {
+    std::string name;          /* the file name, as the directory lists it */
+    std::uint32_t number = 0;  /* the number after the prefix (0 when the prefix does not match) */
+    std::uint32_t version = 0; /* the version peeked from the file (0 when the scan got no version) */
+    candidates::reason reason = candidates::reason::candidate;
+    int result = 0; /* TAZE_LoadPattern's code for load_failed, else 0 */
+};
+
+/* What one load or reload did. For a directory: every entry in directory
+ * order; the candidates come out as loaded, load_failed (newer ones that
+ * failed) or not_tried (older ones). */
+struct load_report {
+    std::string path;          /* the file that loaded; empty when none did */
+    std::uint32_t version = 0; /* its pattern version */
+    int result = 0;            /* the load's result code, as the C function returns it */
+    int scan_result = 0;       /* the directory scan's code (0, or -1..-7) */
+    std::vector<candidate_report> entries;
+
+    const candidate_report *find(std::string_view name) const noexcept
+    {
+        for (const candidate_report &e : entries)
+            if (e.name == name) return &e;
+        return nullptr;
+    }
+};
+
+namespace detail {
+
+/* The 32-bit number of a version text "%d.%05d.%02d" (product, version,
+ * build), as the C functions print it. */
+inline std::uint32_t version_number(const char *text) noexcept
+{
+    char *end = nullptr;
+    const unsigned long product = std::strtoul(text, &end, 10);
+    const unsigned long version = *end ? std::strtoul(end + 1, &end, 10) : 0;
+    const unsigned long build = *end ? std::strtoul(end + 1, &end, 10) : 0;
+    return static_cast<std::uint32_t>((product & 0xFu) << 28 | (build & 0xFFu) << 20 | (version & 0xFFFFFu));
+}
+
+/* The pattern version of a file, through the exported peek. */
+inline int peek_version_number(const char *path, std::uint32_t *out) noexcept
+{
+    char buf[32];
+    const int rc = TAZE_PeekTAZPatternVer(path, buf, static_cast<int>(sizeof buf));
+    if (rc == 0) *out = version_number(buf);
+    return rc;
+}
+
+/* The host of candidates::scan for a report: keeps every entry. */
+struct report_scan {
+    load_report &report;
+    std::vector<std::string> paths; /* of the candidates, by index in report.entries */
+
+    static int peek(const char *path, std::uint32_t *version) noexcept { return peek_version_number(path, version); }
+    bool take(const candidates::entry &e)
+    {
+        report.entries.push_back({e.name, e.number, e.version, e.why, 0});
+        paths.emplace_back(e.why == candidates::reason::candidate ? e.path : "");
+        return true;
+    }
+    void failed(int, const char *) noexcept {}
+};
+
+/* What TAZE_LoadPatternDir does, with the report: scan, then
+ * TAZE_LoadPattern on the candidates from the newest down until one loads.
+ * Returns the code TAZE_LoadPatternDir would return. */
+inline int load_dir_reporting(TAZE *h, const char *dir, const char *prefix, load_report &report)
+{
+    report = load_report();
+    report_scan host{report, {}};
+    report.scan_result = candidates::scan(dir, prefix, host);
+    if (report.scan_result != candidates::scan_ok) {
+        for (candidate_report &e : report.entries)
+            if (e.reason == candidates::reason::candidate) e.reason = candidates::reason::not_tried;
+        return report.result = ACCESS_ERR;
+    }
+    std::vector<std::size_t> order;
+    for (std::size_t i = 0; i < report.entries.size(); ++i)
+        if (report.entries[i].reason == candidates::reason::candidate) order.push_back(i);
+    /* The scan's ascending order (equal keys in directory order), walked
+     * from its end: newest first, among equal keys the one found last. */
+    std::stable_sort(order.begin(), order.end(), [&](std::size_t a, std::size_t b) {
+        return candidates::sorts_before(report.entries[a].version, report.entries[b].version);
+    });
+    std::reverse(order.begin(), order.end());
+    int rc = ACCESS_ERR;
+    for (std::size_t i : order) {
+        candidate_report &e = report.entries[i];
+        if (rc == 0) {
+            e.reason = candidates::reason::not_tried;
+            continue;
+        }
+        rc = TAZE_LoadPattern(h, host.paths[i].c_str());
+        e.result = rc;
+        e.reason = rc == 0 ? candidates::reason::loaded : candidates::reason::load_failed;
+        if (rc == 0) {
+            report.path = host.paths[i];
+            report.version = e.version;
+        }
+    }
+    return report.result = rc;
+}
+
+} // namespace detail
+
 /* ---- the handle ------------------------------------------------------------------------ */
 
 /* The throwing forms of the loading calls, for the handle and the reload
@@ -822,6 +943,30 @@ public:
     std::error_code try_reload_dir(const zstr &dir, const zstr &prefix) noexcept
     {
         return run(&TAZE_ReloadPatternDir, dir, prefix);
+    }
+    /* try_load_dir that also tells, in report, which file loaded and why
+     * every other entry of the directory was passed over. It scans and
+     * loads as TAZE_LoadPatternDir does (same candidate rules, same order,
+     * same result codes) but prints none of the scan's debug messages. */
+    std::error_code try_load_dir(const zstr &dir, const zstr &prefix, load_report &report)
+    {
+        report = load_report();
+        std::error_code refused = dir.error() ? dir.error() : prefix.error();
+        if (!refused && (!h_ || loaded_)) refused = make_error_code(errc::para);
+        if (refused) {
+            report.result = refused.value();
+            return refused;
+        }
+        try {
+            const int rc = detail::load_dir_reporting(h_, dir.c_str(), prefix.c_str(), report);
+            if (rc == 0) loaded_ = true;
+            return detail::to_error(rc);
+        } catch (const std::bad_alloc &) {
+            /* A file may have loaded before the report could grow. */
+            if (char buf[32]; TAZE_GetPatternVersion(h_, buf, static_cast<int>(sizeof buf)) == 0) loaded_ = true;
+            report.result = NO_MEM_ERR;
+            return make_error_code(errc::no_mem);
+        }
     }
     /* Releases the pattern and starts over with a fresh, empty handle (the
      * C handle cannot be used again after TAZE_UnloadPattern). */
@@ -987,6 +1132,17 @@ public:
     void reload() { detail::throw_if(try_reload(), "reload"); }
     void point_to(kind k) { detail::throw_if(try_point_to(k), "point_to"); }
 
+    /* What the last load, reload or switch did, whether or not it published
+     * a pattern: for a directory, the file it loaded and why every other
+     * entry was passed over (a reload whose newest file is broken shows
+     * that file as load_failed with its code); for a file, its path and
+     * version. Waits for a load that is under way. */
+    load_report last_report() const
+    {
+        const std::lock_guard<std::mutex> lock(writer_);
+        return report_;
+    }
+
 private:
     struct source {
         bool dir = false;
@@ -1023,7 +1179,19 @@ private:
         std::error_code ec;
         auto next = std::make_shared<handle>(ec);
         if (ec) return ec;
-        ec = s.dir ? next->try_load_dir(s.path, s.prefix) : next->try_load(s.path);
+        load_report report;
+        if (s.dir) {
+            ec = next->try_load_dir(s.path, s.prefix, report);
+        } else {
+            ec = next->try_load(s.path);
+            report.result = ec.value();
+            char buf[32];
+            if (!ec && TAZE_GetPatternVersion(next->native(), buf, static_cast<int>(sizeof buf)) == 0) {
+                report.path = s.path;
+                report.version = detail::version_number(buf);
+            }
+        }
+        report_ = std::move(report);
         if (!ec && k) ec = next->point_to(*k);
         if (ec) return ec;
         source_ = s;
@@ -1033,7 +1201,8 @@ private:
         return {}; /* old is released here unless a reader still holds it */
     }
 
-    std::mutex writer_;
+    mutable std::mutex writer_;
+    load_report report_;
     std::optional<source> source_;
     std::optional<kind> current_;
     detail::atomic_shared<const handle> cur_;

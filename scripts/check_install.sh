@@ -25,7 +25,7 @@ echo "== install $build into a temporary prefix"
 quiet cmake --build "$build" --target taze tazc -j 2
 cmake --build "$build" --target taze_inspect -j 2 >/dev/null 2>&1 || true
 quiet cmake --install "$build" --prefix "$prefix"
-for f in include/taze/tazapi.h include/taze/vkerror.h include/taze/taze.hpp bin/tazc; do
+for f in include/taze/tazapi.h include/taze/vkerror.h include/taze/taze.hpp include/taze/taze_candidates.hpp bin/tazc; do
   [ -e "$prefix/$f" ] || fail "not installed: $f"
 done
 [ ! -x "$build/tools/taze" ] || [ -x "$prefix/bin/taze" ] || fail "not installed: bin/taze"

@@ -5,6 +5,7 @@
  * holder under concurrent readers. */
 #include <atomic>
 #include <cstring>
+#include <filesystem>
 #include <functional>
 #include <set>
 #include <string>
@@ -475,6 +476,57 @@ TEST(CppApi, ReloadHolder)
     }
     EXPECT_THROW(holder.load(f.dir_empty + "/none.ptn"), taze::error);
     EXPECT_NO_THROW(holder.reload());
+}
+
+/* The holder's report after each load: the file it took and why every
+ * other entry of the directory was passed over. */
+TEST(CppApi, ReloadReport)
+{
+    using R = taze::candidates::reason;
+    const Files &f = files();
+    const std::string dir = tazt::temp_dir(), a = dir + "/" + pattern_file_name("taz", kVerA);
+    ASSERT_TRUE(write_file(a, file_a()));
+    ASSERT_TRUE(write_file(dir + "/notes.txt", {'x'}));
+    taze::reloading_handle holder;
+    holder.load_dir(dir, "taz");
+    ASSERT_TRUE(std::filesystem::copy_file(f.bad, dir + "/" + pattern_file_name("taz", kVerB)));
+    const auto reasons = [](const taze::load_report &r) {
+        std::string s;
+        for (const auto &e : r.entries)
+            if (e.name != "notes.txt" || e.reason != R::prefix_mismatch)
+                s += e.name + ":" + taze::candidates::reason_name(e.reason) + ":" + std::to_string(e.result) + " ";
+        return s;
+    };
+    const std::string a_name = pattern_file_name("taz", kVerA), b_name = pattern_file_name("taz", kVerB);
+    const struct {
+        const char *name;
+        std::function<std::error_code()> op;
+        int result;
+        std::string path, reasons; /* reasons sorted by name; notes.txt left out */
+    } cases[] = {
+        {"the newest file is broken: the older one loads, the newest is reported",
+         [&] { return holder.try_reload(); }, 0, a, a_name + ":loaded:0 " + b_name + ":load_failed:-96 "},
+        {"nothing loads: the published pattern stays", [&] {
+             std::remove(a.c_str());
+             return holder.try_reload();
+         },
+         READ_ERR, "", b_name + ":load_failed:-96 "},
+        {"a file", [&] { return holder.try_load(f.b); }, 0, f.b, ""},
+        {"no directory", [&] { return holder.try_load_dir(dir + "/none", "taz"); }, ACCESS_ERR, "", ""},
+    };
+    for (const auto &c : cases) {
+        SCOPED_TRACE(c.name);
+        const std::uint64_t gen = holder.generation();
+        EXPECT_EQ(c.op().value(), c.result);
+        EXPECT_EQ(holder.generation(), gen + (c.result == 0 ? 1 : 0));
+        taze::load_report r = holder.last_report();
+        std::sort(r.entries.begin(), r.entries.end(), [](const auto &x, const auto &y) { return x.name < y.name; });
+        EXPECT_EQ(r.result, c.result);
+        EXPECT_EQ(r.path, c.path);
+        EXPECT_EQ(r.version, c.path.empty() ? 0 : c.path == a ? kVerA : kVerB);
+        EXPECT_EQ(reasons(r), c.reasons);
+    }
+    EXPECT_EQ(show(holder.current()->pattern_version()), "'1.00078.35'");
 }
 
 /* What a reader sees of one snapshot, with a pinned list it keeps. */

@@ -1,13 +1,18 @@
 /* The pattern directory scan on real directories: which files qualify, the
- * order of the list, the result codes and the messages. */
+ * order of the list, the result codes and the messages; and the C++ load
+ * report, which must name the file the library loads and give every other
+ * entry the reason the library's scan had. */
 #include <dirent.h>
 #include <sys/stat.h>
 
+#include <map>
 #include <regex>
 
 #include "readptn.h"
+#include "taze.hpp"
 #include "taze_file.h"
 #include "tazeptn.h"
+#include "tazewriter_info.h"
 #include "test_support.h"
 
 namespace {
@@ -23,6 +28,7 @@ struct File {
     std::string name;
     std::uint32_t version; /* the version the file holds */
     std::uint16_t kind = KORM_SUB_TAZE_RULE;
+    bool broken = false; /* the peek reads its version, the load fails */
 };
 
 void put(const std::string &dir, const File &f)
@@ -31,7 +37,8 @@ void put(const std::string &dir, const File &f)
     c.ptnVer = f.version;
     tazw::SubPattern s;
     s.subtype = f.kind;
-    s.payload = {'p', 't', 'n'};
+    s.payload = tazw::pattern_info_section(1);
+    s.flip_digest_bit = f.broken;
     c.subs.push_back(s);
     ASSERT_TRUE(tazw::write_file(dir + "/" + f.name, tazw::build_container(c)));
 }
@@ -66,6 +73,38 @@ Scan scan(const std::string &dir, unsigned int mask = VKDEBUG_ERR)
     return {rc, out, list};
 }
 
+using R = taze::candidates::reason;
+using Reasons = std::map<std::string, R>;
+
+/* The library's choice and the report of the same directory agree: the
+ * same result, the loaded file, every entry's reason. */
+void expect_report(const std::string &dir, const std::string &loaded, const Reasons &reasons)
+{
+    TAZE *h = nullptr;
+    ASSERT_EQ(TAZE_Init(&h), 0);
+    const int rc = TAZE_LoadPatternDir(h, dir.c_str(), "a");
+    char version[32] = "";
+    TAZE_GetPatternVersion(h, version, sizeof version);
+    TAZE_Fini(h);
+
+    taze::handle reporting;
+    taze::load_report report;
+    const std::error_code ec = reporting.try_load_dir(dir, "a", report);
+    EXPECT_EQ(ec.value(), rc);
+    EXPECT_EQ(report.result, rc);
+    EXPECT_EQ(report.path, loaded.empty() ? "" : dir + "/" + loaded);
+    EXPECT_EQ(reporting.pattern_version().value_or(""), version);
+    Reasons got;
+    for (const auto &e : report.entries) {
+        got[e.name] = e.reason;
+        EXPECT_EQ(e.result, e.reason == R::load_failed ? READ_ERR : 0) << e.name;
+        if (e.reason == R::loaded) {
+            EXPECT_EQ(report.version, e.version);
+        }
+    }
+    EXPECT_EQ(got, reasons);
+}
+
 TEST(DirScan, NamingAndContents)
 {
     const std::uint32_t v77 = ver(1, 35, 77);
@@ -75,24 +114,48 @@ TEST(DirScan, NamingAndContents)
         int rc;
         Entries list;        /* file names and versions, in order */
         std::string message; /* printed among others; {dir} is the directory */
+        std::string loaded;  /* the file a directory load takes, or "" */
+        Reasons reasons;     /* of every entry */
     } cases[] = {
-        {"number matches the version", {{"a77.ptn", v77}}, 0, {{"a77.ptn", v77}}, ""},
-        {"leading zeros", {{"a0077.ptn", v77}}, 0, {{"a0077.ptn", v77}}, ""},
-        {"number differs", {{"a78.ptn", v77}}, -7, {}, "RealVer:0x0000004d, FileVer:0x0000004e\n"},
-        {"characters after the suffix", {{"a77.ptn.bak", v77}}, 0, {{"a77.ptn.bak", v77}}, ""},
-        {"suffix cut short", {{"a77.pt", v77}}, -7, {}, "suffix not match(.pt, .ptn)\n"},
-        {"no number reads as 0", {{"a.ptn", ver(1, 0, 0)}}, 0, {{"a.ptn", ver(1, 0, 0)}}, ""},
-        {"other prefix", {{"b77.ptn", v77}}, -7, {}, "prefix not match(b77.ptn, a)\n"},
-        {"prefix is case-sensitive", {{"A77.ptn", v77}}, -7, {}, "prefix not match(A77.ptn, a)\n"},
-        {"subdirectory", {{"a77.ptn/", v77}}, -7, {}, "stat({dir}/a77.ptn)< 0, or 0 == S_ISREG()\n"},
-        {"raw kind only: no version", {{"a77.ptn", v77, KORM_SUB_YUB_RULE}}, -7, {}, "peekTAZPatternVer({dir}/a77.ptn)\n"},
-        {"product and build not named", {{"a77.ptn", ver(15, 255, 77)}}, 0, {{"a77.ptn", ver(15, 255, 77)}}, ""},
+        {"number matches the version", {{"a77.ptn", v77}}, 0, {{"a77.ptn", v77}}, "", "a77.ptn",
+         {{"a77.ptn", R::loaded}}},
+        {"leading zeros", {{"a0077.ptn", v77}}, 0, {{"a0077.ptn", v77}}, "", "a0077.ptn", {{"a0077.ptn", R::loaded}}},
+        {"number differs", {{"a78.ptn", v77}}, -7, {}, "RealVer:0x0000004d, FileVer:0x0000004e\n", "",
+         {{"a78.ptn", R::version_mismatch}}},
+        {"characters after the suffix", {{"a77.ptn.bak", v77}}, 0, {{"a77.ptn.bak", v77}}, "", "a77.ptn.bak",
+         {{"a77.ptn.bak", R::loaded}}},
+        {"suffix cut short", {{"a77.pt", v77}}, -7, {}, "suffix not match(.pt, .ptn)\n", "",
+         {{"a77.pt", R::suffix_mismatch}}},
+        {"no number reads as 0", {{"a.ptn", ver(1, 0, 0)}}, 0, {{"a.ptn", ver(1, 0, 0)}}, "", "a.ptn",
+         {{"a.ptn", R::loaded}}},
+        {"not a number", {{"ax.ptn", v77}}, -7, {}, "suffix not match(x.ptn, .ptn)\n", "",
+         {{"ax.ptn", R::suffix_mismatch}}},
+        {"other prefix", {{"b77.ptn", v77}}, -7, {}, "prefix not match(b77.ptn, a)\n", "",
+         {{"b77.ptn", R::prefix_mismatch}}},
+        {"prefix is case-sensitive", {{"A77.ptn", v77}}, -7, {}, "prefix not match(A77.ptn, a)\n", "",
+         {{"A77.ptn", R::prefix_mismatch}}},
+        {"subdirectory", {{"a77.ptn/", v77}}, -7, {}, "stat({dir}/a77.ptn)< 0, or 0 == S_ISREG()\n", "",
+         {{"a77.ptn", R::not_regular_file}}},
+        {"raw kind only: no version", {{"a77.ptn", v77, KORM_SUB_YUB_RULE}}, -7, {}, "peekTAZPatternVer({dir}/a77.ptn)\n",
+         "", {{"a77.ptn", R::peek_failed}}},
+        {"product and build not named", {{"a77.ptn", ver(15, 255, 77)}}, 0, {{"a77.ptn", ver(15, 255, 77)}}, "",
+         "a77.ptn", {{"a77.ptn", R::loaded}}},
         {"sorted by product, then version",
          {{"a7.ptn", ver(1, 0, 7)}, {"a5.ptn", ver(1, 9, 5)}, {"a3.ptn", ver(2, 0, 3)}, {"a6.ptn", ver(1, 4, 6)}}, 0,
-         {{"a5.ptn", ver(1, 9, 5)}, {"a6.ptn", ver(1, 4, 6)}, {"a7.ptn", ver(1, 0, 7)}, {"a3.ptn", ver(2, 0, 3)}}, ""},
-        {"empty directory", {}, -7, {}, "No pattern file found\n"},
+         {{"a5.ptn", ver(1, 9, 5)}, {"a6.ptn", ver(1, 4, 6)}, {"a7.ptn", ver(1, 0, 7)}, {"a3.ptn", ver(2, 0, 3)}}, "",
+         "a3.ptn",
+         {{"a3.ptn", R::loaded}, {"a5.ptn", R::not_tried}, {"a6.ptn", R::not_tried}, {"a7.ptn", R::not_tried}}},
+        {"the newest is broken",
+         {{"a77.ptn", v77}, {"a78.ptn", ver(1, 35, 78), KORM_SUB_TAZE_RULE, true}, {"a79.ptn", v77}, {"b80.ptn", v77}},
+         0, {{"a77.ptn", v77}, {"a78.ptn", ver(1, 35, 78)}}, "", "a77.ptn",
+         {{"a77.ptn", R::loaded}, {"a78.ptn", R::load_failed}, {"a79.ptn", R::version_mismatch},
+          {"b80.ptn", R::prefix_mismatch}}},
+        {"every candidate broken", {{"a5.ptn", ver(1, 0, 5), KORM_SUB_TAZE_RULE, true}}, 0,
+         {{"a5.ptn", ver(1, 0, 5)}}, "", "", {{"a5.ptn", R::load_failed}}},
+        {"empty directory", {}, -7, {}, "No pattern file found\n", "", {}},
     };
     for (const auto &c : cases) {
+        SCOPED_TRACE(c.name);
         const std::string dir = tazt::temp_dir();
         for (const File &f : c.files) {
             if (f.name.back() == '/')
@@ -103,15 +166,16 @@ TEST(DirScan, NamingAndContents)
         Entries expected;
         for (const auto &e : c.list) expected.emplace_back(dir + "/" + e.first, e.second);
         const Scan s = scan(dir);
-        EXPECT_EQ(s.rc, c.rc) << c.name;
-        EXPECT_EQ(s.list, expected) << c.name;
+        EXPECT_EQ(s.rc, c.rc);
+        EXPECT_EQ(s.list, expected);
         const std::string message = std::regex_replace(c.message, std::regex("\\{dir\\}"), dir);
-        EXPECT_NE(s.out.find(message), std::string::npos) << c.name << ": " << s.out;
+        EXPECT_NE(s.out.find(message), std::string::npos) << s.out;
         if (c.rc == -7) {
-            EXPECT_NE(s.out.find("No pattern file found\n"), std::string::npos) << c.name;
+            EXPECT_NE(s.out.find("No pattern file found\n"), std::string::npos);
         }
-        EXPECT_EQ(scan(dir + "/").list, expected) << c.name << ", with a trailing '/'";
-        EXPECT_EQ(scan(dir, 0).out, "") << c.name << ", error bit off";
+        EXPECT_EQ(scan(dir + "/").list, expected) << "with a trailing '/'";
+        EXPECT_EQ(scan(dir, 0).out, "") << "error bit off";
+        expect_report(dir, c.loaded, c.reasons);
     }
 }
 
@@ -120,23 +184,33 @@ TEST(DirScan, NamingAndContents)
 TEST(DirScan, BuildOnlyDifferencesKeepDirectoryOrder)
 {
     const std::string dir = tazt::temp_dir();
-    for (const File &f : std::vector<File>{{"a78.ptn", ver(1, 0, 78)}, {"a77.ptn", ver(1, 3, 77)},
-                                           {"a077.ptn", ver(1, 1, 77)}, {"a0077.ptn", ver(1, 2, 77)},
-                                           {"a00077.ptn", ver(1, 0, 77)}, {"a000077.ptn", ver(1, 9, 77)}})
+    for (const File &f : std::vector<File>{{"a78.ptn", ver(1, 0, 78), KORM_SUB_TAZE_RULE, true},
+                                           {"a77.ptn", ver(1, 3, 77)},
+                                           {"a077.ptn", ver(1, 1, 77)},
+                                           {"a0077.ptn", ver(1, 2, 77)},
+                                           {"a00077.ptn", ver(1, 0, 77)},
+                                           {"a000077.ptn", ver(1, 9, 77)}})
         put(dir, f);
     Entries order; /* the version-77 files in readdir order, then 78 */
+    Reasons reasons{{"a78.ptn", R::load_failed}};
     DIR *d = opendir(dir.c_str());
     ASSERT_NE(d, nullptr);
     while (struct dirent *de = readdir(d)) {
         const std::string name = de->d_name;
-        if (name.find("77") != std::string::npos) order.emplace_back(dir + "/" + name, 0);
+        if (name.find("77") == std::string::npos) continue;
+        order.emplace_back(dir + "/" + name, 0);
+        reasons[name] = R::not_tried;
     }
     closedir(d);
+    /* After the broken newest file, the one found last is tried first. */
+    const std::string last = order.back().first.substr(dir.size() + 1);
+    reasons[last] = R::loaded;
     order.emplace_back(dir + "/a78.ptn", 0);
     Scan s = scan(dir);
     ASSERT_EQ(s.rc, 0);
     for (auto &e : s.list) e.second = 0;
     EXPECT_EQ(s.list, order);
+    expect_report(dir, last, reasons);
 }
 
 /* Argument and directory faults leave the list as it was. */
@@ -199,6 +273,7 @@ TEST(DirScan, LongPaths)
     Scan s = scan(fits);
     EXPECT_EQ(s.list, (Entries{{fits + "/a77.ptn", ver(1, 0, 77)}}));
     EXPECT_NE(s.out.find("stat(" + fits + "/a077.pt)< 0, or 0 == S_ISREG()\n"), std::string::npos) << s.out;
+    expect_report(fits, "a77.ptn", {{"a77.ptn", R::loaded}, {"a077.ptn", R::path_too_long}, {"a077.pt", R::suffix_mismatch}});
 
     const std::string full = deep_dir(base + "/full", 510); /* with its '/': no room for a name */
     put(full, {"a77.ptn", ver(1, 0, 77)});

@@ -8,7 +8,9 @@
 #include <sys/wait.h>
 
 #include <cstdio>
+#include <map>
 #include <random>
+#include <regex>
 #include <set>
 #include <sstream>
 
@@ -752,6 +754,10 @@ TEST(InspectCommands, ExitCodes)
         {{"pick", "--x", dir, "a"}, 2},
         {{"pick", dir, "zzz"}, 1},
         {{"pick", dir + "/none", "a"}, 1},
+        {{"pick", "--json", dir, "zzz"}, 1},
+        {{"info", "--json", good}, 0},
+        {{"--version"}, 0},
+        {{"--version", "x"}, 2},
     };
     for (const auto &c : cases) {
         std::string line;
@@ -804,6 +810,57 @@ TEST(InspectInfo, HeadersVersionsAndFamilyCounts)
     EXPECT_EQ(row(r.out, "protocol_groups"), (Words{"protocol_groups", "PROT/PRGP", "1", "3", "4", "100"}));
     EXPECT_EQ(row(r.out, "rules"), (Words{"rules", "RULE", "1", "3", "-", "268"}));
     for (const char *e : expected) EXPECT_NE(r.out.find(e), std::string::npos) << e << "\n" << r.out;
+}
+
+/* A truncated file is called truncated, a broken digest a checksum
+ * mismatch; --json says the same as the text. */
+TEST(InspectInfo, ProblemsAndJson)
+{
+    tazi::LoadedFile file;
+    std::string error;
+    ASSERT_TRUE(file.load(compile_to_file(tazc::load_source_file(example_path()), true), &error)) << error;
+    const tazw::Bytes good = file.bytes;
+    tazw::Bytes flipped = good;
+    flipped[100] ^= 1; /* inside the main pattern's body */
+    const struct {
+        const char *name;
+        tazw::Bytes bytes;
+        std::string says, never; /* in the text */
+        bool truncated;
+    } cases[] = {
+        {"good", good, "load: ok", "truncated", false},
+        {"cut inside a body", tazw::Bytes(good.begin(), good.begin() + 300), "load: fails: the file is truncated\n",
+         "no usable main pattern", true},
+        {"cut inside the main header", tazw::Bytes(good.begin(), good.begin() + 20),
+         "load: fails: the file is truncated\n", "reader failed", true},
+        {"cut between sub-patterns", tazw::Bytes(good.begin(), good.end() - 60), "container: truncated (", "ignored",
+         true},
+        {"flipped body bit", flipped, "load: fails: checksum mismatch in sub-pattern 0", "truncated", false},
+    };
+    for (const auto &c : cases) {
+        SCOPED_TRACE(c.name);
+        const std::string path = tazt::write_temp(c.bytes, "p.ptn");
+        const Outcome text = taze({"info", path}), json = taze({"info", "--json", path});
+        EXPECT_NE(text.out.find(c.says), std::string::npos) << text.out;
+        EXPECT_EQ(text.out.find(c.never), std::string::npos) << text.out;
+        EXPECT_EQ(json.rc, text.rc);
+        const tazc::Json doc = tazc::Json::parse(json.out);
+        EXPECT_EQ(doc["truncated"], c.truncated);
+        EXPECT_EQ(doc["loads"], text.rc == 0);
+        if (text.rc == 0) {
+            EXPECT_EQ(doc["pattern_version_text"], "1.00077.35");
+            EXPECT_EQ(doc["kinds"].size(), 2u);
+            EXPECT_EQ(doc["raw_bytes"], 39);
+            bool found = false;
+            for (const auto &f : doc["kinds"][0]["families"])
+                if (f["family"] == "lists.suffix") found = f["lists"] == 4 && f["entries"] == 6 && f["values"].is_null();
+            EXPECT_TRUE(found) << json.out;
+        } else {
+            EXPECT_NE(text.out.find("load: fails: " + doc["load_problem"].get<std::string>()), std::string::npos);
+        }
+    }
+    const Outcome v = taze({"--version"});
+    EXPECT_TRUE(std::regex_match(v.out, std::regex("taze [0-9]+\\.[0-9]+\\.[0-9]+\n"))) << v.out;
 }
 
 /* ---- query -------------------------------------------------------------------------------------- */
@@ -923,17 +980,32 @@ TEST(InspectPick, ExplainsEveryEntryAndPicksTheLoader)
     const std::pair<std::string, std::string> expected[] = {
         {"skipped   a6.ptn", "not a regular file"},
         {"skipped   b3.ptn", "prefix mismatch: the name does not begin with \"a\""},
-        {"skipped   a3.txt", "suffix mismatch: \".txt\" follows the number instead of \".ptn\""},
+        {"skipped   a3.txt", "suffix mismatch: the number after the prefix is not followed by \".ptn\""},
         {"skipped   a4.ptn", "peek failed"},
         {"skipped   a8.ptn", "version mismatch: the file holds version field 9 (1.00009.01) but its name says 8"},
         {"candidate a5.ptn", "1.00005.01"},
         {"candidate a7.ptn", "1.00007.01"},
-        {"a7.ptn  1.00007.01", "fails to load with -96 (READ_ERR): the reader failed with -1"},
+        {"a7.ptn  1.00007.01", "fails to load with -96 (READ_ERR): checksum mismatch in sub-pattern 0"},
         {"a5.ptn  1.00005.01", "loads"},
         {"would load: " + dir + "/a5.ptn", "(pattern version 1.00005.01)"},
     };
     for (const auto &[first, second] : expected) EXPECT_TRUE(has_line(r.out, first, second)) << first << "\n" << r.out;
     EXPECT_LT(r.out.find("a7.ptn  1.00007.01"), r.out.find("a5.ptn  1.00005.01  loads")); /* highest first */
+
+    const Outcome j = taze({"pick", "--json", dir, "a"});
+    EXPECT_EQ(j.rc, 0);
+    const tazc::Json doc = tazc::Json::parse(j.out);
+    EXPECT_EQ(doc["loaded"]["path"], dir + "/a5.ptn");
+    EXPECT_EQ(doc["library_agrees"], true);
+    std::map<std::string, std::string> reasons;
+    for (const auto &e : doc["entries"]) reasons[e["name"]] = e["reason"];
+    EXPECT_EQ(reasons, (std::map<std::string, std::string>{{"a3.txt", "suffix_mismatch"},
+                                                           {"a4.ptn", "peek_failed"},
+                                                           {"a5.ptn", "loaded"},
+                                                           {"a6.ptn", "not_regular_file"},
+                                                           {"a7.ptn", "load_failed"},
+                                                           {"a8.ptn", "version_mismatch"},
+                                                           {"b3.ptn", "prefix_mismatch"}}));
 
     /* Without a good file nothing loads. */
     ASSERT_EQ(std::remove((dir + "/a5.ptn").c_str()), 0);

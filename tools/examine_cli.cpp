@@ -11,6 +11,7 @@ namespace {
 
 constexpr const char *kUsage =
     "usage: taze COMMAND [OPTIONS] ARGUMENTS\n"
+    "       taze --version\n"
     "\n"
     "Inspects pattern files the way the taze library reads them.\n"
     "\n"
@@ -23,7 +24,8 @@ constexpr const char *kUsage =
     "  pick DIR PREFIX                  which file the directory loader would load, and why\n"
     "                                   every other file is passed over\n"
     "\n"
-    "Run 'taze COMMAND --help' for the options of one command.\n"
+    "Run 'taze COMMAND --help' for the options of one command; info and pick\n"
+    "take --json for one JSON document on standard output.\n"
     "Exit codes: 0 success, 1 failure (verify: errors found), 2 usage error.\n";
 
 struct Command {
@@ -121,6 +123,10 @@ int run_taze(const std::vector<std::string> &args, std::ostream &out, std::ostre
 {
     if (args.empty()) return usage_error(err, "", "no command given");
     const std::string &first = args[0];
+    if (first == "--version" && args.size() == 1) {
+        out << "taze " << TAZE_PROJECT_VERSION << "\n";
+        return kExitOk;
+    }
     if (first == "-h" || first == "--help" || first == "help") {
         if (args.size() > 1)
             for (const Command &c : kCommands)

@@ -31,6 +31,13 @@ std::vector<Finding> verify_image(const taz_pattern_st &image, bool second_kind)
 std::vector<Finding> verify_file(const LoadedFile &file);
 std::size_t error_count(const std::vector<Finding> &findings);
 
+/* ---- info ---------------------------------------------------------------------- */
+
+/* "checksum mismatch in sub-pattern N ..." when the digest of a used,
+ * encrypted sub-pattern does not match its body (the library's own
+ * decryption says so), else "". */
+std::string checksum_problem(const LoadedFile &file);
+
 /* ---- dump ----------------------------------------------------------------------- */
 
 /* One image as the compiler's model of a kind (the inverse of

@@ -10,6 +10,7 @@
 #include <cstring>
 
 #include "byteorder.h"
+#include "taze.hpp"
 #include "taze_impl.h"
 #include "tazeptn.h"
 #include "vkerror.h"
@@ -76,15 +77,7 @@ bool direction_of(const std::string &name, std::uint32_t *direction)
     return false;
 }
 
-const char *error_name(int code)
-{
-    static constexpr std::pair<int, const char *> kNames[] = {{UNKNOWN_ERR, "UNKNOWN_ERR"}, {ACCESS_ERR, "ACCESS_ERR"},
-                                                              {OPEN_R_ERR, "OPEN_R_ERR"},   {READ_ERR, "READ_ERR"},
-                                                              {NO_MEM_ERR, "NO_MEM_ERR"},   {PARA_ERR, "PARA_ERR"}};
-    for (const auto &[c, name] : kNames)
-        if (c == code) return name;
-    return "";
-}
+const char *error_name(int code) { return taze::error_name(code); }
 
 std::string code_text(int code)
 {
