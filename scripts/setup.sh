@@ -3,7 +3,8 @@
 set -euo pipefail
 
 packages=(g++ clang cmake ninja-build pkg-config libgcrypt20-dev libgtest-dev googletest
-          libbenchmark-dev nlohmann-json3-dev)
+          libbenchmark-dev nlohmann-json3-dev
+          publicsuffix wamerican tor-geoipdb) # the real lists of examples/real-data
 [ "${TAZE_WITH_HYPERSCAN:-0}" = 1 ] && packages+=(libhyperscan-dev)
 
 missing=()
