@@ -57,5 +57,5 @@ run "$tools/taze" verify --quiet "$out/real.ptn" | cut -c1-200
 r() { run "$tools/taze" query "$out/real.ptn" "$@"; }
 r suffix 0 example.com www.example.co.uk x.blogspot.com example.invalid-tld
 r exact 0 ZEBRA Zebras zzzzqx
-r ip 0 5.1.2.3 8.8.8.8
+r ip 0 2.152.64.10 8.8.8.8
 r ipv6 0 2a01:4f8::1 2001:4860::8888
