@@ -306,7 +306,7 @@ TEST(Authoring, ToolMessages)
     EXPECT_NE(vc.out.find("checksum mismatch"), std::string::npos) << vc.out;
     const Outcome qc = taze_run({"query", corrupt, "exact", "0", "a"});
     EXPECT_EQ(qc.rc, 1);
-    EXPECT_NE(qc.err.find("returns -96 (READ_ERR): the checksum stage failed: "), std::string::npos) << qc.err;
+    EXPECT_NE(qc.err.find("returns -96, pattern file rejected or holds no main pattern (READ_ERR); the checksum stage failed: "), std::string::npos) << qc.err;
 
     const Outcome q = taze_run({"query", kept, "exact", "9", "a"});
     EXPECT_EQ(q.rc, 1);

@@ -886,7 +886,7 @@ int cmd_query(const Args &args, std::ostream &out, std::ostream &err)
     }
     ec = h.try_load(file);
     if (ec) {
-        err << "taze query: TAZE_LoadPattern(" << file << ") returns " << code_text(ec.value()) << ": "
+        err << "taze query: TAZE_LoadPattern(" << file << ") returns " << ec.value() << ", " << ec.message() << "; "
             << load_failure(file) << "\n";
         return kExitFailed;
     }
