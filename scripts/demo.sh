@@ -49,3 +49,13 @@ q potential-risk 1001 2 6
 q threat 1001 4242
 q --ulm ulm-info
 q --json rule 1001
+
+echo
+echo "== A pattern from real lists (examples/real-data): public suffixes, dictionary, one country's ranges"
+run "$tools/tazc" --dedupe --allow-covered-keys -o "$out/real.ptn" examples/real-data/pattern.json
+run "$tools/taze" verify --quiet "$out/real.ptn" | cut -c1-200
+r() { run "$tools/taze" query "$out/real.ptn" "$@"; }
+r suffix 0 example.com www.example.co.uk x.blogspot.com example.invalid-tld
+r exact 0 ZEBRA Zebras zzzzqx
+r ip 0 2.152.64.10 8.8.8.8
+r ipv6 0 2a01:4f8::1 2001:4860::8888

@@ -3,7 +3,8 @@
 set -euo pipefail
 
 packages=(g++ clang cmake ninja-build pkg-config libgcrypt20-dev libgtest-dev googletest
-          libbenchmark-dev nlohmann-json3-dev pybind11-dev python3-dev python3-pytest python3-numpy)
+          libbenchmark-dev nlohmann-json3-dev pybind11-dev python3-dev python3-pytest python3-numpy
+          publicsuffix wamerican tor-geoipdb) # the real lists of examples/real-data and the tests
 [ "${TAZE_WITH_HYPERSCAN:-0}" = 1 ] && packages+=(libhyperscan-dev)
 
 missing=()

@@ -742,7 +742,7 @@ TEST(InspectCommands, ExitCodes)
         {{"query", "--map-type", "prefix", good, "suffix_to_int", "0"}, 2},
         {{"query", "--map-type", "sideways", good, "simap", "0"}, 2},
         {{"query", good, "suffix", "0", "a.exe"}, 0},
-        {{"query", good, "suffix", "99", "a.exe"}, 0}, /* out of range: no match */
+        {{"query", good, "suffix", "99", "a.exe"}, 1}, /* list 99 does not exist */
         {{"query", good, "suffix", "-1", "a.exe"}, 1}, /* PARA_ERR */
         {{"query", good, "simap", "99"}, 1},           /* PARA_ERR */
         {{"query", good, "rule", "0"}, 1},             /* PARA_ERR for id 0 */

@@ -363,17 +363,23 @@ const Refusal kRefusals[] = {
     {"duplicate protocol range", R"("severity": {"known": [{"severity": 1, "policy": 2, "protocols": [6, "6"]}]})",
      "severity.known[0].protocols[1]: range 6 overlaps 6 at severity.known[0].protocols[0]"},
     {"bad address", R"("lists": {"ip": {"0": ["10.0.0.256"]}})",
-     "lists.ip.0[0]: \"10.0.0.256\" is not an IPv4 address"},
+     "lists.ip.0[0]: \"10.0.0.256\" is not an IPv4 address (dotted, or a number up to 4294967295)"},
+    {"IPv4 number too big", R"("lists": {"ip": {"0": [4294967296]}})",
+     "lists.ip.0[0]: 4294967296 is too large (at most 4294967295)"},
+    {"number beyond 64 bits", R"("rules": [{"id": 99999999999999999999999}])",
+     "rules[0].id: 99999999999999999999999 is too large (at most 4294967295)"},
     {"host bits", R"("lists": {"ip": {"0": ["10.0.0.1/8"]}})", "lists.ip.0[0]: prefix 10.0.0.1/8 has host bits set"},
     {"prefix too long", R"("lists": {"ipv6": {"0": ["::/129"]}})",
      "lists.ipv6.0[0]: prefix length \"129\" is not from 0 to 128"},
-    {"port too big", R"("lists": {"port": {"0": [65536]}})", "lists.port.0[0]: 65536 is above 65535"},
+    {"port too big", R"("lists": {"port": {"0": [65536]}})", "lists.port.0[0]: 65536 is too large (at most 65535)"},
     {"duplicate map key, folded",
      R"("maps": {"exact_to_int": {"0": {"example.com": 1, "Example.COM": 2}}})",
-     "maps.exact_to_int.0[\"Example.COM\"]: duplicate key (same as maps.exact_to_int.0[\"example.com\"] when "
+     "maps.exact_to_int.0[\"Example.COM\"]: duplicate key \"Example.COM\" (same as \"example.com\" at "
+     "maps.exact_to_int.0[\"example.com\"] when "
      "compared case-insensitively)"},
     {"duplicate substring key", R"("maps": {"substring_to_exact": {"0": {"Mail": ["a"], "mAIL": ["b"]}}})",
-     "maps.substring_to_exact.0.mAIL: duplicate key (same as maps.substring_to_exact.0.Mail when compared "
+     "maps.substring_to_exact.0.mAIL: duplicate key \"mAIL\" (same as \"Mail\" at maps.substring_to_exact.0.Mail "
+     "when compared "
      "case-insensitively)"},
     {"duplicate integer key", R"("maps": {"int_to_int": {"0": {"80": 1, "0x50": 2}}})",
      "maps.int_to_int.0.0x50: duplicate key (same as maps.int_to_int.0.80)"},
@@ -382,9 +388,10 @@ const Refusal kRefusals[] = {
     {"duplicate JSON key", R"("maps": {"exact_to_int": {"0": {"a": 1, "a": 2}}})",
      "maps.exact_to_int.0.a: duplicate key"},
     {"duplicate exact string, folded", R"("lists": {"exact": {"1": ["a.com", "b.com", "A.Com"]}})",
-     "lists.exact.1[2]: duplicate string (same as lists.exact.1[0] when compared case-insensitively)"},
+     "lists.exact.1[2]: duplicate string \"A.Com\" (same as \"a.com\" at lists.exact.1[0] when compared "
+     "case-insensitively)"},
     {"duplicate case-sensitive string", R"("lists": {"exact_case": {"0": ["A", "a", "A"]}})",
-     "lists.exact_case.0[2]: duplicate string (same as lists.exact_case.0[0])"},
+     "lists.exact_case.0[2]: duplicate string \"A\" (same as \"A\" at lists.exact_case.0[0])"},
     {"NUL in a string", R"("lists": {"suffix": {"0": ["a\u0000b"]}})",
      "lists.suffix.0[0]: string \"a\\u0000b\" contains a NUL byte"},
     {"NUL in a key", R"("maps": {"exact_to_int": {"0": {"k\u0000": 1}}})",
@@ -438,7 +445,7 @@ const Refusal kRefusals[] = {
     {"second kind paths", R"("ulm": {"protocols": [{"id": 1, "group": 2}]})",
      "ulm.protocols[0].group: no protocol group has id 2"},
     {"version field too big", R"("compiler_version": {"product": 16, "build": 0, "version": 0})",
-     "compiler_version.product: 16 is above 15"},
+     "compiler_version.product: 16 is too large (at most 15)"},
     {"empty raw blob", R"("raw": {"text": ""})", "raw: the raw blob is empty; the library ignores empty sub-patterns"},
     {"bad hex blob", R"("raw": {"hex": "0g"})", "raw.hex: expected pairs of hex digits"},
     {"syntax error", R"("lists": {,})",

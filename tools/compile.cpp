@@ -1,6 +1,8 @@
 /* Compiling a checked source model to section streams and a container, and
  * the command line of tazc. */
+#include <cerrno>
 #include <cstdio>
+#include <cstring>
 #include <ostream>
 
 #include "source_model.h"
@@ -84,7 +86,7 @@ tazw::Container make_container(const Source &src, bool encrypt)
 namespace {
 
 constexpr const char *kUsage =
-    "usage: tazc [--no-encrypt] (-o FILE | --out-dir DIR --prefix PREFIX) SOURCE.json\n"
+    "usage: tazc [OPTIONS] (-o FILE | --out-dir DIR --prefix PREFIX) SOURCE.json\n"
     "\n"
     "Compiles a JSON pattern source (see docs/pattern-source.md) into a pattern file.\n"
     "\n"
@@ -92,15 +94,27 @@ constexpr const char *kUsage =
     "  --out-dir DIR    write DIR/PREFIX<version>.ptn, the name the directory loader expects\n"
     "  --prefix PREFIX  file name prefix for --out-dir\n"
     "  --no-encrypt     store the sub-patterns unencrypted\n"
+    "  --dedupe         drop exact duplicates of a list (under its case rule) instead of refusing them\n"
+    "  --keep-covered   keep prefix and suffix list entries that a shorter entry covers (warns)\n"
+    "  --allow-covered-keys\n"
+    "                   accept prefix- and suffix-keyed maps with covered keys (warns)\n"
+    "  --version        print the version of tazc\n"
     "  -h, --help       show this help\n"
     "\n"
+    "Every problem of the source is reported (up to 20), each with its JSON path\n"
+    "or imported file and line.\n"
+    "\n"
     "Exit codes: 0 written, 1 source refused or output not written, 2 usage error.\n";
+
+constexpr std::size_t kMaxErrorsShown = 20;
 
 struct Options {
     std::string source, out_file, out_dir;
     std::optional<std::string> prefix;
     bool encrypt = true;
     bool help = false;
+    bool version = false;
+    ParseOptions parse;
 };
 
 /* Returns an error text, or "" when the options are usable. */
@@ -126,6 +140,14 @@ std::string parse_options(const std::vector<std::string> &args, Options &o)
             o.help = true;
         } else if (a == "--no-encrypt") {
             o.encrypt = false;
+        } else if (a == "--version") {
+            o.version = true;
+        } else if (a == "--dedupe") {
+            o.parse.dedupe = true;
+        } else if (a == "--keep-covered") {
+            o.parse.keep_covered = true;
+        } else if (a == "--allow-covered-keys") {
+            o.parse.allow_covered_keys = true;
         } else if (a == "-o" || a == "--out-dir" || a == "--prefix") {
             std::string v;
             if (!value(v)) return a + " needs a value";
@@ -143,7 +165,7 @@ std::string parse_options(const std::vector<std::string> &args, Options &o)
             o.source = a;
         }
     }
-    if (o.help) return "";
+    if (o.help || o.version) return "";
     if (o.source.empty()) return "no source file given";
     if (o.out_file.empty() == o.out_dir.empty()) return "give either -o FILE or --out-dir DIR --prefix PREFIX";
     if (!o.out_dir.empty() && !o.prefix) return "--out-dir needs --prefix";
@@ -161,23 +183,36 @@ int run_tazc(const std::vector<std::string> &args, std::ostream &out, std::ostre
         out << kUsage;
         return 0;
     }
+    if (o.version && usage_error.empty()) {
+        out << "tazc " << version_text(kToolVersion) << "\n";
+        return 0;
+    }
     if (!usage_error.empty()) {
         err << "tazc: " << usage_error << "\n(tazc --help shows the usage)\n";
         return 2;
     }
     tazw::Bytes file;
     Source src;
+    std::vector<std::string> notes;
     try {
-        src = load_source_file(o.source);
+        src = load_source_file(o.source, o.parse, &notes);
         file = tazw::build_container(make_container(src, o.encrypt));
+    } catch (const SourceErrors &e) {
+        for (std::size_t i = 0; i < e.all().size() && i < kMaxErrorsShown; ++i)
+            err << "error: " << e.all()[i].what() << "\n";
+        if (e.all().size() > kMaxErrorsShown) err << "error: and " << e.all().size() - kMaxErrorsShown << " more\n";
+        for (const std::string &n : notes) err << n << "\n";
+        return 1;
     } catch (const SourceError &e) {
         err << "error: " << e.what() << "\n";
         return 1;
     }
+    for (const std::string &n : notes) (n.rfind("warning", 0) == 0 ? err : out) << n << "\n";
     std::string path = o.out_file.empty() ? o.out_dir + "/" + tazw::pattern_file_name(*o.prefix, src.pattern_version)
                                           : o.out_file;
+    errno = 0;
     if (!tazw::write_file(path, file)) {
-        err << "error: cannot write " << path << "\n";
+        err << "error: cannot write " << path << ": " << (errno ? std::strerror(errno) : "unknown error") << "\n";
         return 1;
     }
     out << "tazc: wrote " << path << " (pattern version " << version_text(src.pattern_version) << ", "

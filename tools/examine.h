@@ -92,6 +92,8 @@ public:
     std::string_view raw() const;
     /* What TAZE_LoadPattern would say: "" when it loads, else why not. */
     std::string refusal() const;
+    /* The file ends inside a header or body it announces. */
+    bool truncated() const;
 
 private:
     struct ReaderDeleter {

@@ -23,6 +23,7 @@ struct Finding {
     std::string kind;  /* "file", "main" or "ulm" */
     std::string where; /* source path ("lists.suffix.3[2]") or payload place */
     std::string what;
+    bool warning = false; /* not an error, but the file may not answer as its author meant */
 };
 
 /* Every order, disjointness, terminator and index invariant of one image. */

@@ -13,6 +13,7 @@
 #include "taze.hpp"
 #include "taze_impl.h"
 #include "tazeptn.h"
+#include "tfsh_md5.h"
 #include "vkerror.h"
 
 namespace tazi {
@@ -219,6 +220,7 @@ Layout read_layout(const std::vector<unsigned char> &file)
 
 bool LoadedFile::load(const std::string &path, std::string *error)
 {
+    errno = 0;
     std::FILE *f = std::fopen(path.c_str(), "rb");
     if (!f) {
         *error = "cannot open " + path + ": " + std::strerror(errno);
@@ -227,10 +229,10 @@ bool LoadedFile::load(const std::string &path, std::string *error)
     unsigned char chunk[4096];
     std::size_t n;
     while ((n = std::fread(chunk, 1, sizeof chunk, f)) > 0) bytes.insert(bytes.end(), chunk, chunk + n);
-    const bool read_error = std::ferror(f) != 0;
+    const int read_errno = std::ferror(f) != 0 ? (errno ? errno : EIO) : 0;
     std::fclose(f);
-    if (read_error) {
-        *error = "cannot read " + path;
+    if (read_errno != 0) {
+        *error = "cannot read " + path + ": " + std::strerror(read_errno);
         return false;
     }
     layout = read_layout(bytes);
@@ -274,18 +276,57 @@ std::string_view LoadedFile::raw() const
     return {reinterpret_cast<const char *>(r->data), r->len};
 }
 
+namespace {
+
+/* Whether the encrypted body of a complete sub-pattern fails its MD5
+ * check: decrypted here, on a copy, as the reader decrypts it. */
+bool checksum_fails(const std::vector<unsigned char> &file, const SubHeader &s)
+{
+    if (!s.complete || s.sub.enctype != KORM_ENC_TFSH_MD5 || s.enc.enclen < 32 || s.enc.enclen % 16 != 0)
+        return false;
+    const std::uint64_t body = s.enc_pos + ENCHEAD_SIZE;
+    if (body + s.enc.enclen > file.size()) return false;
+    std::vector<unsigned char> copy(file.begin() + std::ptrdiff_t(body),
+                                    file.begin() + std::ptrdiff_t(body + s.enc.enclen));
+    ENCHEAD head = s.enc;
+    return decBuf(&head, copy.data()) == KORM_TFSH_MD5_ERROR_CHECKSUM;
+}
+
+} // namespace
+
+bool LoadedFile::truncated() const { return layout.problem.rfind("the file ends inside", 0) == 0; }
+
 std::string LoadedFile::refusal() const
 {
     if (status != 0) {
         std::string where = "in the main header";
+        std::size_t sub = layout.subs.size();
         for (std::size_t i = 0; i < layout.subs.size(); ++i)
-            if (layout.subs[i].header_pos <= stop_offset) where = "in sub-pattern " + std::to_string(i);
+            if (layout.subs[i].header_pos <= stop_offset) {
+                where = "in sub-pattern " + std::to_string(i);
+                sub = i;
+            }
         const std::string code = status == NO_MEM_ERR ? code_text(status) : std::to_string(status);
         std::string why =
             "the reader failed with " + code + " after " + std::to_string(stop_offset) + " bytes, " + where;
-        if (!layout.problem.empty()) why += " (" + layout.problem + ")";
+        /* The reader stops after the body it could not use. */
+        for (std::size_t i = 0; i < layout.subs.size(); ++i)
+            if (layout.subs[i].skipped.empty() && checksum_fails(bytes, layout.subs[i])) {
+                sub = i;
+                break;
+            }
+        if (sub < layout.subs.size() && checksum_fails(bytes, layout.subs[sub]))
+            why = "the reader failed with " + code + " after " + std::to_string(stop_offset) + " bytes, in sub-pattern " +
+                  std::to_string(sub) + ": checksum mismatch (the MD5 digest of the decrypted body differs from the one in its header)";
+        else if (truncated())
+            why += ": the file is truncated (" + layout.problem + ")";
+        else if (!layout.problem.empty())
+            why += " (" + layout.problem + ")";
         return why;
     }
+    if (truncated())
+        return "the file is truncated: " + layout.problem + " (" + std::to_string(layout.file_size) +
+               " bytes); TAZE_LoadPattern refuses it with -96";
     if (!image(false)) return "it holds no usable main pattern (kind 7); TAZE_LoadPattern refuses it with -96";
     return "";
 }

@@ -12,6 +12,7 @@
 #include <ostream>
 
 #include "examine_commands.h"
+#include "taze.hpp"
 #include "tazapi.h"
 
 namespace tazi {
@@ -790,9 +791,55 @@ void print_answers(std::ostream &out, const Answers &a)
     }
 }
 
-struct HandleDeleter {
-    void operator()(TAZE *h) const { TAZE_Fini(h); }
-};
+/* Why TAZE_LoadPattern refused the file: the stage that failed (open,
+ * container, checksum, sections) and what the inspector's own read of it
+ * says. */
+std::string load_failure(const std::string &file)
+{
+    LoadedFile f;
+    std::string error;
+    if (!f.load(file, &error)) return "the open stage failed: " + error;
+    const std::string why = f.refusal();
+    if (why.empty()) return "the load stage failed";
+    const char *stage = why.find("checksum mismatch") != std::string::npos ? "checksum"
+                        : f.status != 0 || f.truncated()                 ? "container"
+                                                                          : "section";
+    return std::string("the ") + stage + " stage failed: " + why;
+}
+
+/* The family a list question searches, for the list count; null when the
+ * question names no list or its map type selects none. */
+const tazc::Family *family_asked(const QueryKind &k, int map_type)
+{
+    static const char *const rules[4] = {"exact", "prefix", "suffix", "substring"};
+    const std::string &api = k.names[0];
+    const unsigned key = unsigned(map_type >> 8) & 0xFF, value = unsigned(map_type) & 0xFF;
+    const bool diagonal = key == value && key < 4;
+    std::string name;
+    if (api == "case") name = "exact_case";
+    else if (api == "string-list") name = "exact";
+    else if (api == "simap" && diagonal) name = std::string(rules[key]) + "_to_int";
+    else if (api == "sipv6map" && diagonal) name = std::string(rules[key]) + "_to_ipv6";
+    else if (api == "ismap" && diagonal) name = std::string("int_to_") + rules[value];
+    else if (api == "ssmap" && key < 4 && value < 4) name = std::string(rules[key]) + "_to_" + rules[value];
+    else if (api == "iimap") name = "int_to_int";
+    else if (api == "ipv6imap") name = "ipv6_to_int";
+    else
+        for (char ch : api) name += ch == '-' ? '_' : ch;
+    const tazc::Family *f = tazc::find_family("lists", name);
+    return f ? f : tazc::find_family("maps", name);
+}
+
+/* Lists of the family in the loaded file's image (numbers 0 to count-1). */
+std::uint32_t list_count(const std::string &file, bool second_kind, const tazc::Family &family)
+{
+    LoadedFile f;
+    std::string error;
+    if (!f.load(file, &error) || !f.image(second_kind)) return 0;
+    for (const ImageFamily &g : image_families(*f.image(second_kind)))
+        if (g.family == &family) return std::visit([](const auto &a) { return a.lists.size; }, g.lists);
+    return 0;
+}
 
 } // namespace
 
@@ -831,26 +878,36 @@ int cmd_query(const Args &args, std::ostream &out, std::ostream &err)
         return usage_error(err, "query", e.message);
     }
 
-    TAZE *raw_handle = nullptr;
-    if (TAZE_Init(&raw_handle) != 0) {
-        err << "taze query: cannot create a handle\n";
+    std::error_code ec;
+    taze::handle h(ec);
+    if (ec) {
+        err << "taze query: cannot create a handle: " << ec.message() << "\n";
         return kExitFailed;
     }
-    std::unique_ptr<TAZE, HandleDeleter> h(raw_handle);
-    const int load = TAZE_LoadPattern(h.get(), file.c_str());
-    if (load != 0) {
-        err << "taze query: TAZE_LoadPattern(" << file << ") returns " << code_text(load) << "\n";
+    ec = h.try_load(file);
+    if (ec) {
+        err << "taze query: TAZE_LoadPattern(" << file << ") returns " << ec.value() << ", " << ec.message() << "; "
+            << load_failure(file) << "\n";
         return kExitFailed;
     }
     if (ulm) {
         unsigned int count = 0;
-        if (TAZE_GetRuleInfoCountEx(h.get(), PT_ULM, &count) != 0) {
+        if (TAZE_GetRuleInfoCountEx(h.native(), PT_ULM, &count) != 0) {
             err << "taze query: " << file << " holds no second pattern kind\n";
             return kExitFailed;
         }
-        TAZE_PointToULMPattern(h.get());
+        TAZE_PointToULMPattern(h.native());
     }
-    c.h = h.get();
+    c.h = h.native();
+    if (kind->takes_list)
+        if (const tazc::Family *f = family_asked(*kind, c.map_type); f && !(ulm && f->main_kind_only)) {
+            const std::uint32_t have = list_count(file, ulm, *f);
+            if (c.list < 0 || std::uint32_t(c.list) >= have) {
+                err << "taze query: " << f->group << "." << f->name << ": list " << c.list
+                    << " does not exist (this file has " << have << ")\n";
+                return kExitFailed;
+            }
+        }
     Answers answers;
     try {
         kind->run(c, values, answers);

@@ -8,6 +8,7 @@
 #include <ostream>
 #include <set>
 
+#include "coverage.h"
 #include "examine_commands.h"
 #include "taze_impl.h"
 
@@ -122,6 +123,35 @@ private:
 
     void error(const std::string &where, const std::string &what) { out_.push_back({true, kind_, where, what}); }
     void note(const std::string &where, const std::string &what) { out_.push_back({false, kind_, where, what}); }
+    void warning(const std::string &where, const std::string &what)
+    {
+        out_.push_back({false, kind_, where, what, true});
+    }
+
+    /* Entries that a shorter entry of the same list covers: the bisection
+     * can step over the shorter one. Texts as the comparisons read them. */
+    template <typename E, typename Text>
+    void covered(const std::string &path, const Span<E> &s, unsigned rule, bool case_sensitive, bool keys,
+                 Text text_of_entry)
+    {
+        if (rule != 1 && rule != 2) return;
+        std::vector<std::string> texts;
+        for (const E &e : s) texts.push_back(c_text(text_of_entry(e)));
+        const std::vector<tazc::CoveredPair> pairs =
+            tazc::covered_entries(std::vector<std::string_view>(texts.begin(), texts.end()), rule, case_sensitive);
+        if (pairs.empty()) return;
+        constexpr std::size_t kShown = 3;
+        std::string list;
+        for (std::size_t i = 0; i < pairs.size() && i < kShown; ++i)
+            list += std::string(i ? ", " : "") + "[" + std::to_string(pairs[i].covered) + "] " +
+                    tazc::quote_text(texts[pairs[i].covered]) + " by [" + std::to_string(pairs[i].by) + "] " +
+                    tazc::quote_text(texts[pairs[i].by]);
+        if (pairs.size() > kShown) list += ", ...";
+        const char *one = keys ? "key" : "entry";
+        warning(path, std::to_string(pairs.size()) + " " + (pairs.size() == 1 ? one : keys ? "keys" : "entries") +
+                          (pairs.size() == 1 ? " is" : " are") + " covered by a shorter " + one +
+                          " of the same list, and the search can miss the shorter one: " + list);
+    }
 
     /* ---- the section stream ---- */
 
@@ -245,6 +275,7 @@ private:
     void entries(const Family &f, const std::string &path, const Span<counted_string_t> &s)
     {
         strings(path, s, f.key_rule, f.case_sensitive, f.key_rule == 0);
+        covered(path, s, f.key_rule, f.case_sensitive, false, [](const counted_string_t &e) { return e; });
     }
 
     template <typename E>
@@ -320,6 +351,8 @@ private:
             if constexpr (std::is_same_v<E, ismap_st> || std::is_same_v<E, ssmap_st>)
                 strings(p, values_of(s[i]), f.value_rule, false, false);
         }
+        if constexpr (std::is_same_v<Key, counted_string_t>)
+            covered(path, s, f.key_rule, false, true, [](const E &e) { return key_of(e); });
         if constexpr (std::is_same_v<Key, UINT32>)
             if (ordered && span >= 0x80000000u)
                 error(path,
@@ -508,7 +541,7 @@ std::vector<Finding> verify_file(const LoadedFile &file)
                            std::string("a second ") + subtype_name(s.sub.subtype) + " replaces sub-pattern " +
                                std::to_string(it->second)});
     }
-    if (file.layout.file_size > file.layout.end_pos)
+    if (!file.truncated() && file.layout.file_size > file.layout.end_pos)
         out.push_back({false, "file", "",
                        std::to_string(file.layout.file_size - file.layout.end_pos) +
                            " bytes after the last sub-pattern are ignored"});
@@ -532,7 +565,7 @@ std::size_t error_count(const std::vector<Finding> &findings)
 namespace {
 
 constexpr const char *kVerifyUsage =
-    "usage: taze verify [--quiet] FILE\n"
+    "usage: taze verify [--quiet] [--json] FILE\n"
     "\n"
     "Checks every invariant the library's lookups rely on but its loader does not\n"
     "check: string lists in the order of their comparator (suffix lists read\n"
@@ -545,31 +578,76 @@ constexpr const char *kVerifyUsage =
     "a source path: list kind, list number and entry index, e.g.\n"
     "lists.suffix.3[2].\n"
     "\n"
-    "  --quiet     print only the errors, not the notes\n"
+    "Warnings name prefix and suffix list entries and map keys that a shorter\n"
+    "entry of the same list covers: the search can step over the shorter one.\n"
+    "\n"
+    "  --quiet     print only the errors and warnings, not the notes\n"
+    "  --json      print one JSON document: file, loads, counts and findings\n"
     "\n"
     "Exit codes: 0 no errors, 1 errors found or the file does not load, 2 usage error.\n";
+
+} // namespace
+
+namespace {
+
+const char *level_of(const Finding &f) { return f.error ? "error" : f.warning ? "warning" : "note"; }
+
+std::string plural(std::size_t n, const char *word) { return std::to_string(n) + " " + word + (n == 1 ? "" : "s"); }
+
+/* One JSON document: the file, whether the library loads it, the counts
+ * and every finding (docs/inspect-json.md). */
+void print_json(std::ostream &out, const std::string &path, bool loads, const std::vector<Finding> &findings)
+{
+    tazc::Json doc = tazc::Json::object();
+    doc["file"] = path;
+    doc["loads"] = loads;
+    std::size_t counts[3] = {0, 0, 0};
+    tazc::Json list = tazc::Json::array();
+    for (const Finding &f : findings) {
+        ++counts[f.error ? 0 : f.warning ? 1 : 2];
+        list.push_back({{"level", level_of(f)}, {"kind", f.kind}, {"where", f.where}, {"what", f.what}});
+    }
+    doc["errors"] = counts[0];
+    doc["warnings"] = counts[1];
+    doc["notes"] = counts[2];
+    doc["findings"] = std::move(list);
+    out << doc.dump(2, ' ', false, tazc::Json::error_handler_t::replace) << "\n";
+}
 
 } // namespace
 
 int cmd_verify(const Args &args, std::ostream &out, std::ostream &err)
 {
     if (show_help(args, out, kVerifyUsage)) return kExitOk;
-    bool quiet = false;
+    bool quiet = false, json = false;
     std::string path;
-    const std::string bad = one_file(args, {{"--quiet", &quiet, nullptr}, {"-q", &quiet, nullptr}}, &path);
+    const std::string bad = one_file(
+        args, {{"--quiet", &quiet, nullptr}, {"-q", &quiet, nullptr}, {"--json", &json, nullptr}}, &path);
     if (!bad.empty()) return usage_error(err, "verify", bad);
     LoadedFile file;
-    if (!load_for_command(path, file, err, false)) return kExitFailed;
+    std::string read_error;
+    if (!file.load(path, &read_error)) {
+        if (json) print_json(out, path, false, {{true, "file", "", read_error}});
+        err << "taze: " << read_error << "\n";
+        return kExitFailed;
+    }
     const std::vector<Finding> findings = verify_file(file);
+    const std::size_t errors = error_count(findings);
+    if (json) {
+        print_json(out, path, file.refusal().empty(), findings);
+        return errors == 0 ? kExitOk : kExitFailed;
+    }
+    std::size_t warnings = 0;
     for (const Finding &f : findings) {
-        if (quiet && !f.error) continue;
-        out << (f.error ? "error: " : "note: ") << f.kind;
+        warnings += f.warning ? 1 : 0;
+        if (quiet && !f.error && !f.warning) continue;
+        out << level_of(f) << ": " << f.kind;
         if (!f.where.empty()) out << " " << f.where;
         out << ": " << f.what << "\n";
     }
-    const std::size_t errors = error_count(findings);
-    out << path << ": " << errors << (errors == 1 ? " error" : " errors") << ", " << findings.size() - errors
-        << (findings.size() - errors == 1 ? " note" : " notes") << "\n";
+    out << path << ": " << plural(errors, "error") << ", ";
+    if (warnings > 0) out << plural(warnings, "warning") << ", ";
+    out << plural(findings.size() - errors - warnings, "note") << "\n";
     return errors == 0 ? kExitOk : kExitFailed;
 }
 

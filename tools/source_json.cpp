@@ -3,7 +3,9 @@
 
 #include <algorithm>
 #include <cctype>
+#include <cmath>
 #include <cstdio>
+#include <map>
 #include <unordered_set>
 
 namespace tazc {
@@ -11,6 +13,27 @@ namespace tazc {
 void fail(const std::string &path, const std::string &message) { throw SourceError(path, message); }
 
 namespace {
+thread_local ParseContext *current_context = nullptr;
+}
+
+ParseContext *parse_context() { return current_context; }
+ParseScope::ParseScope(ParseContext &c) : saved_(current_context) { current_context = &c; }
+ParseScope::~ParseScope() { current_context = saved_; }
+
+void report(const std::string &path, const std::string &message)
+{
+    if (!current_context) fail(path, message);
+    current_context->errors.emplace_back(path, message);
+}
+
+namespace {
+
+/* Digits of the whole numbers beyond 64 bits of the source being parsed. */
+std::map<double, std::string> &big_numbers()
+{
+    thread_local std::map<double, std::string> numbers;
+    return numbers;
+}
 
 bool is_word(std::string_view key)
 {
@@ -42,7 +65,12 @@ public:
     bool boolean(bool v) { return put(Json(v)); }
     bool number_integer(Json::number_integer_t v) { return put(Json(v)); }
     bool number_unsigned(Json::number_unsigned_t v) { return put(Json(v)); }
-    bool number_float(Json::number_float_t v, const Json::string_t &) { return put(Json(v)); }
+    bool number_float(Json::number_float_t v, const Json::string_t &text)
+    {
+        /* A whole number too large for 64 bits: keep its digits for the message. */
+        if (!text.empty() && text.find_first_not_of("0123456789") == std::string::npos) big_numbers()[v] = text;
+        return put(Json(v));
+    }
     bool string(Json::string_t &v) { return put(Json(std::move(v))); }
     bool binary(Json::binary_t &v) { return put(Json(Json::binary_t(std::move(v)))); }
     bool start_object(std::size_t) { return open(Json::object()); }
@@ -148,6 +176,7 @@ std::string quote_text(std::string_view text)
 
 Json parse_json(std::string_view text)
 {
+    big_numbers().clear();
     StrictSax sax;
     /* Comments (C and C++ style) are allowed: pattern sources are written by hand. */
     Json::sax_parse(text.begin(), text.end(), &sax, nlohmann::json::input_format_t::json, true, true);
@@ -185,11 +214,18 @@ void Fields::done() const
 
 std::uint64_t get_uint(const Json &j, const std::string &path, std::uint64_t max)
 {
+    /* Whole numbers beyond 64 bits arrive as floating point. */
+    if (j.is_number_float() && j.get<double>() > double(max) && j.get<double>() == std::floor(j.get<double>()))
+    {
+        const auto big = big_numbers().find(j.get<double>());
+        fail(path, (big != big_numbers().end() ? big->second : j.dump()) + " is too large (at most " +
+                       std::to_string(max) + ")");
+    }
     if (!j.is_number_unsigned())
         fail(path, std::string("expected a whole number from 0 to ") + std::to_string(max) + ", got " +
                        type_name(j));
     auto v = j.get<std::uint64_t>();
-    if (v > max) fail(path, std::to_string(v) + " is above " + std::to_string(max));
+    if (v > max) fail(path, std::to_string(v) + " is too large (at most " + std::to_string(max) + ")");
     return v;
 }
 

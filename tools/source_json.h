@@ -35,6 +35,63 @@ private:
 
 [[noreturn]] void fail(const std::string &path, const std::string &message);
 
+/* ---- all errors of a source at once --------------------------------------------- */
+
+/* What tazc may do instead of refusing. */
+struct ParseOptions {
+    bool dedupe = false;             /* drop exact duplicates of lists (with a note) */
+    bool keep_covered = false;       /* keep covered entries of prefix and suffix lists (with a warning) */
+    bool allow_covered_keys = false; /* accept covered keys of prefix- and suffix-keyed maps (with a warning) */
+};
+
+/* A source refused for one or more problems; what() is the first. */
+class SourceErrors : public SourceError {
+public:
+    explicit SourceErrors(std::vector<SourceError> all) : SourceError(all.front()), all_(std::move(all)) {}
+    const std::vector<SourceError> &all() const { return all_; }
+
+private:
+    std::vector<SourceError> all_;
+};
+
+/* The state of one parse: its options, the directory that relative file
+ * names start from, and what it gathered. Parsing code reaches the current
+ * one through parse_context(); without one, the first error throws. */
+struct ParseContext {
+    ParseOptions options;
+    std::string base_dir;
+    std::vector<SourceError> errors;
+    std::vector<std::string> notes; /* "note: ..." and "warning: ..." lines */
+};
+ParseContext *parse_context();
+class ParseScope {
+public:
+    explicit ParseScope(ParseContext &c);
+    ~ParseScope();
+    ParseScope(const ParseScope &) = delete;
+    ParseScope &operator=(const ParseScope &) = delete;
+
+private:
+    ParseContext *saved_;
+};
+
+/* Records a problem and carries on; throws when no parse gathers errors. */
+void report(const std::string &path, const std::string &message);
+/* Runs fn; a refusal inside it is recorded and parsing goes on after it.
+ * Returns false when fn was refused. */
+template <typename Fn>
+bool attempt(Fn &&fn)
+{
+    try {
+        fn();
+        return true;
+    } catch (const SourceError &e) {
+        if (!parse_context()) throw;
+        parse_context()->errors.push_back(e);
+        return false;
+    }
+}
+
 /* Paths: "a.b" for names and numbers, "a[3]" for array elements, and
  * a["example.com"] for keys that are not plain words. */
 std::string child_path(const std::string &base, std::string_view key);

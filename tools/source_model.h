@@ -106,10 +106,18 @@ constexpr std::uint32_t kToolVersion = make_version(1, 0, 1);
 
 /* ---- parsing and compiling ------------------------------------------------- */
 
-/* Reads a whole source. base_dir resolves the relative path of the raw blob.
- * Throws SourceError naming the JSON path of the first problem. */
+/* Reads a whole source as written: covered entries of prefix and suffix
+ * lists are kept and covered map keys accepted (tazc's defaults, given to
+ * the overloads below, drop and refuse them). base_dir resolves relative
+ * file names (the raw blob, imports).
+ * Throws SourceErrors naming the JSON path of every problem. */
 Source parse_source(std::string_view json_text, const std::string &base_dir);
 Source load_source_file(const std::string &path);
+/* The same with tazc's options; every problem is gathered and thrown at the
+ * end as SourceErrors, and *notes receives the notes and warnings. */
+Source parse_source(std::string_view json_text, const std::string &base_dir, const ParseOptions &options,
+                    std::vector<std::string> *notes);
+Source load_source_file(const std::string &path, const ParseOptions &options, std::vector<std::string> *notes);
 
 /* The section stream of one kind. */
 tazw::Bytes kind_payload(const Kind &kind, bool second_kind);
