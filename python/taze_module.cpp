@@ -13,6 +13,7 @@
 
 #include <cstring>
 #include <memory>
+#include <mutex>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -42,7 +43,9 @@ constexpr const char *kPythonPart = R"PY(
 import collections, dataclasses, ipaddress, typing
 
 class Error(Exception):
-    """A result code of the library: code (int), text, and the operation."""
+    """A result code of the library: code (int), text, and the operation;
+    report: the ReloadReport of a failed load or reload, else None."""
+    report = None
     def __init__(self, code, text, operation=None):
         super().__init__(code, text, operation)
         self.code, self.text, self.operation = code, text, operation
@@ -69,15 +72,53 @@ ProtocolGroup = collections.namedtuple("ProtocolGroup", "id description protocol
 Risk = collections.namedtuple("Risk", "policy_id severity")
 MapEntry = collections.namedtuple("MapEntry", "key values")
 
+def _version_text(v):
+    return None if v is None else f"{v >> 28}.{v & 0xFFFFF:05}.{(v >> 20) & 0xFF:02}"
+
+@dataclasses.dataclass(frozen=True)
+class ReportEntry:
+    """One entry of the pattern directory and what a load made of it.
+    reason: why the scan passed it over ("path_too_long", "not_regular_file",
+    "prefix_mismatch", "suffix_mismatch", "peek_failed", "version_mismatch")
+    or what became of a candidate ("loaded", "load_failed": a newer file
+    whose load failed with the code result, "not_tried": an older file).
+    number: the number after the prefix (None when the prefix does not
+    match); version: the version text peeked from the file (None when the
+    scan read none)."""
+    name: str
+    reason: str
+    number: typing.Optional[int]
+    version: typing.Optional[str]
+    result: int
+
+    @classmethod
+    def _make(cls, name, reason, number, version, result):
+        return cls(name, reason, number, _version_text(version), result)
+
 @dataclasses.dataclass(frozen=True)
 class ReloadReport:
-    """What a reload did. source: the file or directory loaded from;
-    version and previous_version: the pattern versions after and before.
-    Fields may be added (the loaded file, why other files were passed over);
-    read them by name."""
+    """What a load or reload did. source: the file or directory loaded from;
+    path and version: the file that loaded and its pattern version (None when
+    the load failed); previous_version: the version before; result: the
+    load's result code (0 on success); scan_result: the directory scan's code
+    (0, or -1..-7); entries: a ReportEntry per directory entry, in directory
+    order (empty for a single file). Read the fields by name."""
     source: str
-    version: str
+    version: typing.Optional[str]
     previous_version: typing.Optional[str]
+    path: typing.Optional[str] = None
+    result: int = 0
+    scan_result: int = 0
+    entries: typing.Tuple[ReportEntry, ...] = ()
+
+    def entry(self, name):
+        """The ReportEntry of the directory entry name, or None."""
+        return next((e for e in self.entries if e.name == name), None)
+
+    @classmethod
+    def _make(cls, source, version, previous_version, path, result, scan_result, entries):
+        return cls(source, _version_text(version), previous_version, path, result, scan_result,
+                   tuple(ReportEntry._make(*e) for e in entries))
 
 TAZ, ULM = 0, 1
 ANY, INBOUND, OUTBOUND = 1, 2, 3
@@ -88,13 +129,17 @@ del collections, dataclasses, typing
 
 /* ---- errors ----------------------------------------------------------------- */
 
-[[noreturn]] void raise_code(int code, const char *operation)
+/* Raises the Error subclass of code; report (a ReloadReport) goes into the
+ * exception's report attribute. */
+[[noreturn]] void raise_code(int code, const char *operation, const py::object &report = py::object())
 {
     py::object cls = types->error;
     py::dict by_code = types->errors_by_code;
     if (by_code.contains(py::int_(code))) cls = by_code[py::int_(code)];
     const std::string text = taze::error_category().message(code);
-    PyErr_SetObject(cls.ptr(), py::make_tuple(code, text, operation).ptr());
+    const py::object e = cls(code, text, operation);
+    if (report) e.attr("report") = report;
+    PyErr_SetObject(cls.ptr(), e.ptr());
     throw py::error_already_set();
 }
 [[noreturn]] void refused(const char *operation) { raise_code(PARA_ERR, operation); }
@@ -352,7 +397,7 @@ public:
     {
         auto p = std::make_shared<pattern>();
         p->source_ = fspath(path);
-        p->load(&taze::reloading_handle::try_load, "Pattern", p->source_);
+        p->load("Pattern", [&h = p->holder_, &file = p->source_] { return h.try_load(file); });
         return p;
     }
     static std::shared_ptr<pattern> from_dir(const py::object &dir, const py::object &prefix)
@@ -361,7 +406,9 @@ public:
         p->source_ = fspath(dir);
         p->prefix_ = py::cast<std::string>(prefix);
         p->dir_ = true;
-        p->load(&taze::reloading_handle::try_load_dir, "Pattern.from_dir", p->source_, p->prefix_);
+        p->load("Pattern.from_dir", [&h = p->holder_, &d = p->source_, &pre = p->prefix_] {
+            return h.try_load_dir(d, pre);
+        });
         return p;
     }
 
@@ -371,17 +418,10 @@ public:
      * failure the pattern that was loaded keeps answering. */
     py::object reload()
     {
-        std::optional<std::string> before, after;
-        std::error_code ec;
-        {
-            py::gil_scoped_release nogil;
-            before = holder_.current()->pattern_version();
-            ec = holder_.try_reload();
-            if (!ec) after = holder_.current()->pattern_version();
-        }
-        if (ec) raise_code(ec.value(), "Pattern.reload");
-        return types->reload_report(source_, to_str(after), to_str(before));
+        return load("Pattern.reload", [&h = holder_] { return h.try_reload(); });
     }
+    /* The ReloadReport of the last load or reload, failed or not. */
+    py::object last_report() const { return last_report_ ? last_report_ : py::none(); }
 
     /* ---- lists ---- */
     bool search(taze::list_kind lk, int idx, py::handle key, int k, const char *op) const
@@ -658,17 +698,55 @@ private:
         const py::object s = py::module_::import("os").attr("fsdecode")(p);
         return py::cast<std::string>(s);
     }
-    template <class Fn, class... S>
-    void load(Fn fn, const char *op, const S &...args)
+    /* Runs one load of the holder and keeps its report; raises the load's
+     * error with the report attached. Loads of one pattern are serialised
+     * here, so that the report and the versions are those of this load. */
+    template <class Load>
+    py::object load(const char *op, Load &&run)
     {
+        std::optional<std::string> before;
         std::error_code ec;
+        taze::load_report r;
         {
             py::gil_scoped_release nogil;
-            ec = (holder_.*fn)(taze::zstr(args)...);
+            const std::lock_guard<std::mutex> lock(loading_);
+            before = holder_.current()->pattern_version();
+            ec = run();
+            r = holder_.last_report();
         }
-        if (ec) raise_code(ec.value(), op);
+        if (ec && r.result != ec.value()) {
+            /* It failed before it loaded anything (no memory): the holder's
+             * report is still the previous one. */
+            r = taze::load_report();
+            r.result = ec.value();
+        }
+        last_report_ = report_object(r, before);
+        if (ec) raise_code(ec.value(), op, last_report_);
+        return last_report_;
     }
+    py::object report_object(const taze::load_report &r, const std::optional<std::string> &before) const
+    {
+        using reason = taze::candidates::reason;
+        py::list entries;
+        for (const taze::candidate_report &e : r.entries) {
+            const bool numbered = e.reason != reason::path_too_long && e.reason != reason::not_regular_file &&
+                                  e.reason != reason::prefix_mismatch;
+            const bool versioned = e.reason == reason::version_mismatch || e.reason == reason::candidate ||
+                                   e.reason == reason::loaded || e.reason == reason::load_failed ||
+                                   e.reason == reason::not_tried;
+            entries.append(py::make_tuple(to_str(std::string_view(e.name)), taze::candidates::reason_name(e.reason),
+                                          numbered ? py::object(py::int_(e.number)) : py::none(),
+                                          versioned ? py::object(py::int_(e.version)) : py::none(), e.result));
+        }
+        const bool loaded = r.result == 0 && !r.path.empty();
+        return types->reload_report.attr("_make")(
+            source_, loaded ? py::object(py::int_(r.version)) : py::none(), to_str(before),
+            loaded ? py::object(to_str(std::string_view(r.path))) : py::none(), r.result, r.scan_result, entries);
+    }
+
     taze::reloading_handle holder_;
+    std::mutex loading_;
+    py::object last_report_;
     std::string source_, prefix_;
     bool dir_ = false;
 };
@@ -954,7 +1032,10 @@ PYBIND11_MODULE(taze, m)
     c.def(py::init(&pattern::open), py::arg("path"))
         .def_static("from_dir", &pattern::from_dir, py::arg("dir"), py::arg("prefix"),
                     "The newest good file DIR/PREFIX<version>.ptn.")
-        .def("reload", &pattern::reload, "Loads again; returns a ReloadReport, raises Error and keeps the old pattern.")
+        .def("reload", &pattern::reload,
+             "Loads again; returns a ReloadReport, or raises Error (with the report) and keeps the old pattern.")
+        .def_property_readonly("last_report", &pattern::last_report,
+                               "The ReloadReport of the last load or reload, failed or not.")
         .def_property_readonly("pattern_version", &pattern::pattern_version)
         .def_property_readonly("compiler_version", &pattern::compiler_version)
         .def_property_readonly("ulm_info", &pattern::ulm_info)

@@ -3,6 +3,7 @@ through taze and through `taze query`, on the example pattern and on a
 pattern of real lists, single and bulk."""
 import array
 import ipaddress
+import pathlib
 import random
 import shutil
 import sys
@@ -192,20 +193,71 @@ def test_errors(example_ptn, tmp_path, call, error, code):
     assert e.value.text in str(e.value) and e.value.text.endswith(")")
 
 
+def _ptn(n, path):
+    """A pattern of version 1.000n.35 at path, without tazc's source beside it."""
+    tazc({"pattern_version": {"product": 1, "build": 35, "version": n},
+          "lists": {"exact": {"0": [f"v{n}.example"]}}}, path)
+    pathlib.Path(str(path) + ".json").unlink()
+    return path
+
+
+def _broken(n, path):
+    """A file whose version can be read but whose load fails (a damaged tail)."""
+    data = bytearray(_ptn(n, path).read_bytes())
+    data[-8:] = bytes(x ^ 0xFF for x in data[-8:])
+    path.write_bytes(data)
+
+
+# entry name, how it is made, (reason, number, version, result) after the reload
+RELOAD_ENTRIES = [
+    ("taz77.ptn", None, ("not_tried", 77, "1.00077.35", 0)),  # loaded first, from_dir below
+    ("taz78.ptn", lambda p: _ptn(78, p), ("loaded", 78, "1.00078.35", 0)),
+    ("taz79.ptn", lambda p: _broken(79, p), ("load_failed", 79, "1.00079.35", -96)),  # the newest is broken
+    ("taz76.ptn.old", lambda p: _ptn(76, p), ("not_tried", 76, "1.00076.35", 0)),  # text after .ptn is free
+    ("taz80.ptn", lambda p: _ptn(81, p), ("version_mismatch", 80, "1.00081.35", 0)),
+    ("taznew.ptn", lambda p: _ptn(82, p), ("suffix_mismatch", 0, None, 0)),
+    ("taz84.ptn", lambda p: p.write_bytes(b"TAZP" + bytes(60)), ("peek_failed", 84, None, 0)),
+    ("taz85.ptn", lambda p: p.mkdir(), ("not_regular_file", None, None, 0)),
+    ("other86.ptn", lambda p: _ptn(86, p), ("prefix_mismatch", None, None, 0)),
+    ("taz" + "9" * 240 + ".ptn", lambda p: _ptn(87, p), ("path_too_long", None, None, 0)),
+]
+
+
 def test_reload(example_ptn, tmp_path):
-    shutil.copy(example_ptn, tmp_path / "taz77.ptn")
-    p = taze.Pattern.from_dir(tmp_path, "taz")
-    source = {"pattern_version": {"product": 1, "build": 35, "version": 78}, "lists": {"exact": {"0": ["new.example"]}}}
-    tazc(source, tmp_path / "taz78.ptn")
-    (tmp_path / "taz79.ptn").write_bytes(b"TAZP" + bytes(60))  # a broken newer file is passed over
+    """A reload's report names the file that loaded and why every other
+    entry of the directory was passed over; a failed reload raises and keeps
+    both the old pattern and its report."""
+    d = tmp_path / ("d" * 100) / ("d" * 100) / ("d" * 100)  # the long name's full path does not fit
+    d.mkdir(parents=True)
+    _ptn(77, d / "taz77.ptn")
+    p = taze.Pattern.from_dir(d, "taz")
+    assert (p.last_report.path, p.last_report.version, p.last_report.previous_version) == (
+        str(d / "taz77.ptn"), "1.00077.35", None)
+    for name, make, _ in RELOAD_ENTRIES[1:]:
+        make(d / name)
     report = p.reload()
-    assert (report.version, report.previous_version, report.source) == ("1.00078.35", "1.00077.35", str(tmp_path))
-    assert (p.exact(0, "new.example"), p.pattern_version) == (True, "1.00078.35")
-    for f in tmp_path.glob("taz7[78].ptn"):
-        f.unlink()
-    with pytest.raises(taze.AccessError):  # no file of the directory is a candidate
+    got = {e.name: (e.reason, e.number, e.version, e.result) for e in report.entries}
+    assert got == {name: want for name, _, want in RELOAD_ENTRIES}
+    assert (report.source, report.path, report.version, report.previous_version, report.result,
+            report.scan_result) == (str(d), str(d / "taz78.ptn"), "1.00078.35", "1.00077.35", 0, 0)
+    assert (p.last_report, p.exact(0, "v78.example"), p.pattern_version) == (report, True, "1.00078.35")
+
+    for name in ("taz76.ptn.old", "taz77.ptn", "taz78.ptn"):
+        (d / name).unlink()
+    with pytest.raises(taze.ReadError) as e:  # only the broken file is left
         p.reload()
-    assert p.exact(0, "new.example")  # the old pattern keeps answering
+    failed = e.value.report
+    assert (failed.path, failed.version, failed.result, failed.entry("taz79.ptn").reason) == (
+        None, None, -96, "load_failed")
+    assert (p.last_report, p.exact(0, "v78.example")) == (failed, True)  # the old pattern keeps answering
+    (d / "taz79.ptn").unlink()
+    with pytest.raises(taze.AccessError) as e:  # no file of the directory is a candidate
+        p.reload()
+    assert (e.value.report.result, e.value.report.scan_result, e.value.report.entry("taz80.ptn").reason) == (
+        -87, -7, "version_mismatch")
+    with pytest.raises(taze.AccessError) as e:
+        taze.Pattern.from_dir(d / "none", "taz")
+    assert (e.value.report.scan_result, e.value.report.entries) == (-2, ())
 
 
 def test_real_lists(real_source, real_ptn):
