@@ -765,10 +765,13 @@ public:
         for (const Run &r : runs) {
             if (r.error_occurred || r.run_type != Run::RT_Iteration) continue;
             const double to_ns = r.time_unit == benchmark::kMillisecond ? 1e6 : r.time_unit == benchmark::kMicrosecond ? 1e3 : 1;
-            /* Lookups count processor time (the machine is shared); loads
-             * and thread runs count wall time (they ask for it). */
+            /* Lookups and loads count the processor time of their one
+             * thread, kernel time included (the machine is shared: wall time
+             * there counts the other users); thread runs and reloads, which
+             * run several threads, count wall time. */
             const std::string name = short_name(r.benchmark_name());
-            const bool wall = name.rfind("load/", 0) == 0 || name.rfind("threads/", 0) == 0;
+            const bool wall = name.rfind("threads/", 0) == 0 ||
+                              (name.size() > 7 && name.compare(name.size() - 7, 7, "/reload") == 0);
             ns[name] = (wall ? r.GetAdjustedRealTime() : r.GetAdjustedCPUTime()) * to_ns;
             auto it = r.counters.find("items_per_second");
             if (it != r.counters.end()) rate[name] = it->second;

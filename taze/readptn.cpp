@@ -37,7 +37,7 @@ constexpr int kPeekChunk = 32;
 /* Bodies are decrypted and digested in steps of this many bytes as they
  * arrive, each while it is still in cache; the file reader reads them in
  * pieces of the same size. */
-constexpr INT32 kStep = 256 * 1024;
+constexpr INT32 kStep = 64 * 1024;
 /* Pieces the file reader hands to the push reader (headers, fillers,
  * skipped bodies, bodies whose claimed length the file does not hold). */
 constexpr INT32 kPiece = 8 * 1024;
