@@ -13,7 +13,7 @@
 // entries and 16 MiB files. `bench_taze --peak-load FILE` loads one file and
 // prints its peak memory (used by the table, in a fresh process);
 // `bench_taze --write-load-file MIB PATH [SHAPE]` writes a load benchmark's file
-// (SHAPE exact, suffix, combined or real; combined when left out).
+// (SHAPE exact, suffix, combined, real or skipped; combined when left out).
 #include <benchmark/benchmark.h>
 #include <gcrypt.h>
 #include <malloc.h>
@@ -510,8 +510,10 @@ void register_threads(std::size_t n)
  * of the lookup benchmarks, and real Debian data (dictionary words as exact
  * lists, public suffix rules as suffix lists, Tor's IPv4 geolocation ranges),
  * replicated into further lists with a variation per copy until the size is
- * reached. */
-const char *const kShapes[] = {"exact", "suffix", "combined", "real"};
+ * reached; and one section of a kind the loader skips, which measures the
+ * reader alone (file, decryption, digest, section walk; no lists, no
+ * indexes). */
+const char *const kShapes[] = {"exact", "suffix", "combined", "real", "skipped"};
 
 std::vector<std::string> lines_of(const char *path)
 {
@@ -618,6 +620,11 @@ Bytes load_payload(const std::string &shape, std::size_t mib)
     const std::size_t bytes = mib * 1024 * 1024;
     if (shape == "exact" || shape == "suffix") return big_list(shape == "suffix", bytes);
     if (shape == "real") return real_file(bytes);
+    if (shape == "skipped") {
+        Bytes data(bytes);
+        for (std::size_t i = 0; i < data.size(); ++i) data[i] = std::uint8_t(i * 131 + (i >> 11));
+        return tazw::section(0x12345678u, 0, data);
+    }
     return payload_of(make_lists(bytes / 150)); /* about 150 payload bytes per host across the kinds */
 }
 

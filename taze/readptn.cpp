@@ -15,7 +15,9 @@
 #include <cstdlib>
 #include <cstring>
 
+#include <sys/mman.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include "format.h"
 #include "readptn.h"
@@ -138,6 +140,21 @@ size_t bodyCapacity(INT32 collected, INT32 size)
     return static_cast<size_t>(cap < full ? cap : full);
 }
 
+/* Bodies from this size up ask for transparent huge pages before their
+ * pages are made present: on a 64 MiB file that took the load from 346-366
+ * to 270-276 ms (one fault per 2 MiB instead of per 4 KiB); at 16 MiB it
+ * changed nothing. A hint: a kernel that refuses it changes nothing. */
+constexpr size_t kHugeBody = size_t(8) << 20;
+
+void adviseHugePages(void *p, size_t n)
+{
+    if (n < kHugeBody) return;
+    const uintptr_t page = uintptr_t(sysconf(_SC_PAGESIZE));
+    const uintptr_t first = (uintptr_t(p) + page - 1) & ~(page - 1);
+    const uintptr_t last = (uintptr_t(p) + n) & ~(page - 1);
+    if (last > first) (void)madvise(reinterpret_cast<void *>(first), last - first, MADV_HUGEPAGE);
+}
+
 /* Free the body buffer and forget it. */
 void dropBody(QDPatternBuf *p)
 {
@@ -228,6 +245,7 @@ INT32 encHeadStep(QDPatternBuf *p)
             p->tmpSize = 0;
             return NO_MEM_ERR;
         }
+        if (held) adviseHugePages(p->tmp, capacity);
         taz_prefault(p->tmp, capacity);
         p->tmpCapacity = capacity;
         p->tmpIndex = 0;
