@@ -12,7 +12,8 @@
 // Usage: bench_taze [--quick] [benchmark flags]; --quick stops at 100k
 // entries and 16 MiB files. `bench_taze --peak-load FILE` loads one file and
 // prints its peak memory (used by the table, in a fresh process);
-// `bench_taze --write-load-file MIB PATH` writes the load benchmark's file.
+// `bench_taze --write-load-file MIB PATH [SHAPE]` writes a load benchmark's file
+// (SHAPE exact, suffix, combined, real or skipped; combined when left out).
 #include <benchmark/benchmark.h>
 #include <gcrypt.h>
 #include <malloc.h>
@@ -26,6 +27,10 @@
 #include <memory>
 #include <random>
 #include <string>
+#include <sys/stat.h>
+#include <thread>
+#include <atomic>
+#include <cmath>
 #include <unistd.h>
 #include <unordered_set>
 #include <vector>
@@ -34,6 +39,7 @@
 #include "taze_impl.h"
 #include "taze_util.h"
 #include "tazapi.h"
+#include "taze.hpp"
 #include "tazewriter.h"
 #include "tazewriter_info.h"
 #include "vkc.h"
@@ -500,23 +506,171 @@ void register_threads(std::size_t n)
 
 // ---- Loading -------------------------------------------------------------------------------
 
-std::map<std::size_t, std::string> g_load_files;
+/* The load files: one big exact list, one big suffix list, the combined file
+ * of the lookup benchmarks, and real Debian data (dictionary words as exact
+ * lists, public suffix rules as suffix lists, Tor's IPv4 geolocation ranges),
+ * replicated into further lists with a variation per copy until the size is
+ * reached; and one section of a kind the loader skips, which measures the
+ * reader alone (file, decryption, digest, section walk; no lists, no
+ * indexes). */
+const char *const kShapes[] = {"exact", "suffix", "combined", "real", "skipped"};
 
-/* A file of about `mib` MiB: host, suffix and URL lists, ranges, fragments. */
-std::string load_file(std::size_t mib)
+std::vector<std::string> lines_of(const char *path)
 {
-    std::string &path = g_load_files[mib];
+    std::vector<std::string> out;
+    std::ifstream f(path);
+    for (std::string line; std::getline(f, line);) out.push_back(line);
+    return out;
+}
+
+/* Sorted, unique, in the order a list of that kind needs. */
+std::vector<std::string> stored(std::vector<std::string> v, tazw::Order o)
+{
+    v = unique(std::move(v), v.size());
+    tazw::sort_in(o, v);
+    return v;
+}
+
+/* One big list of about `bytes` payload bytes (the count estimated from a
+ * sample, then corrected once). */
+Bytes big_list(bool suffix, std::size_t bytes)
+{
+    auto make = [suffix](std::size_t n) {
+        Gen g(n);
+        std::vector<std::string> v;
+        for (std::size_t i = 0; i < n + n / 50 + 10; ++i) v.push_back((suffix ? "." : "") + g.host());
+        v = unique(std::move(v), n);
+        tazw::sort_in(suffix ? tazw::Order::FoldReversed : tazw::Order::Fold, v);
+        return strings_section(magic4(suffix ? "SUF" : "STR"), v);
+    };
+    const std::size_t sample = 10000;
+    const double per_entry = double(make(sample).size()) / double(sample);
+    return make(std::size_t(double(bytes) / per_entry));
+}
+
+struct RealData {
+    std::vector<std::string> words, suffixes;
+    std::vector<std::pair<std::uint32_t, std::uint32_t>> ranges;
+};
+
+const RealData &real_data()
+{
+    static const RealData d = [] {
+        RealData r;
+        r.words = lines_of("/usr/share/dict/american-english");
+        for (std::string rule : lines_of("/usr/share/publicsuffix/public_suffix_list.dat")) {
+            if (rule.empty() || rule.rfind("//", 0) == 0) continue;
+            if (rule.rfind("*.", 0) == 0) rule.erase(0, 2);
+            if (rule[0] == '!') rule.erase(0, 1);
+            r.suffixes.push_back("." + rule);
+        }
+        for (const std::string &line : lines_of("/usr/share/tor/geoip")) {
+            unsigned long lo = 0, hi = 0;
+            if (line.empty() || line[0] == '#' || std::sscanf(line.c_str(), "%lu,%lu", &lo, &hi) != 2) continue;
+            if (!r.ranges.empty() && lo <= r.ranges.back().second) continue; /* keep them disjoint */
+            r.ranges.push_back({std::uint32_t(lo), std::uint32_t(hi)});
+        }
+        return r;
+    }();
+    return d;
+}
+
+/* The real lists in `copies_whole` whole copies and a last partial one
+ * (the first `last_fraction` of each source), copy c as list number c, its
+ * words and rules varied by c. */
+Bytes real_lists(std::size_t copies_whole, double last_fraction)
+{
+    const RealData &d = real_data();
+    const std::size_t copies = copies_whole + (last_fraction > 0 ? 1 : 0);
+    std::vector<Bytes> str, suf, ip;
+    for (std::size_t c = 0; c < copies; ++c) {
+        const double f = c < copies_whole ? 1.0 : last_fraction;
+        const std::string tag = c == 0 ? "" : std::to_string(c);
+        std::vector<std::string> w, s;
+        for (std::size_t i = 0; i < std::size_t(f * double(d.words.size())); ++i) w.push_back(d.words[i] + tag);
+        for (std::size_t i = 0; i < std::size_t(f * double(d.suffixes.size())); ++i)
+            s.push_back(c == 0 ? d.suffixes[i] : ".v" + tag + d.suffixes[i]);
+        w = stored(std::move(w), tazw::Order::Fold);
+        s = stored(std::move(s), tazw::Order::FoldReversed);
+        const std::vector<std::pair<std::uint32_t, std::uint32_t>> r(
+            d.ranges.begin(), d.ranges.begin() + long(f * double(d.ranges.size())));
+        str.push_back(tazw::list(std::uint32_t(c), std::uint32_t(w.size()), tazw::string_entries(w)));
+        suf.push_back(tazw::list(std::uint32_t(c), std::uint32_t(s.size()), tazw::string_entries(s)));
+        ip.push_back(tazw::list(std::uint32_t(c), std::uint32_t(r.size()), tazw::ip_entries(r)));
+    }
+    auto join = [](const std::vector<Bytes> &parts) {
+        Bytes out;
+        for (const Bytes &b : parts) out.insert(out.end(), b.begin(), b.end());
+        return out;
+    };
+    const auto n = std::uint32_t(copies);
+    return tazw::concat({tazw::section(magic4("STR"), n, join(str)), tazw::section(magic4("SUF"), n, join(suf)),
+                         tazw::section(magic4("IP"), n, join(ip))});
+}
+
+Bytes real_file(std::size_t bytes)
+{
+    const double copies = double(bytes) / double(real_lists(1, 0).size());
+    return real_lists(std::size_t(copies), copies - std::floor(copies));
+}
+
+/* The payload of one load file of about `mib` MiB. */
+Bytes load_payload(const std::string &shape, std::size_t mib)
+{
+    const std::size_t bytes = mib * 1024 * 1024;
+    if (shape == "exact" || shape == "suffix") return big_list(shape == "suffix", bytes);
+    if (shape == "real") return real_file(bytes);
+    if (shape == "skipped") {
+        Bytes data(bytes);
+        for (std::size_t i = 0; i < data.size(); ++i) data[i] = std::uint8_t(i * 131 + (i >> 11));
+        return tazw::section(0x12345678u, 0, data);
+    }
+    return payload_of(make_lists(bytes / 150)); /* about 150 payload bytes per host across the kinds */
+}
+
+/* Each load file lives alone in a directory, named as a directory load
+ * wants it (prefix "bench", the version field 77 of write_pattern). */
+std::map<std::string, std::string> g_load_files;
+
+std::string load_file(const std::string &shape, std::size_t mib)
+{
+    const std::string name = shape + "-" + std::to_string(mib) + "MiB";
+    std::string &path = g_load_files[name];
     if (!path.empty()) return path;
-    const std::size_t n = mib * 1024 * 1024 / 150; /* about 150 payload bytes per host across the kinds */
-    path = write_pattern(payload_of(make_lists(n)), std::to_string(mib) + "MiB");
+    const std::string made = write_pattern(load_payload(shape, mib), name);
+    const std::string dir = (std::getenv("TMPDIR") ? std::string(std::getenv("TMPDIR")) : std::string("/tmp")) +
+                            "/taze-bench-" + std::to_string(getpid()) + "-" + name;
+    mkdir(dir.c_str(), 0700);
+    path = dir + "/bench77.ptn";
+    if (std::rename(made.c_str(), path.c_str()) != 0) std::abort();
     return path;
 }
 
-void register_load(std::size_t mib)
+std::string dir_of(const std::string &path) { return path.substr(0, path.rfind('/')); }
+
+/* The raw limit: libgcrypt's fastest Twofish-128 ECB decryption (bulk CBC
+ * decryption with a zero IV, each block then XORed with the ciphertext block
+ * before it, in chunks that leave the ciphertext in place) and one MD5 pass,
+ * one thread, over the file's bytes. */
+void raw_limit(const std::vector<unsigned char> &in, std::vector<unsigned char> &out, gcry_cipher_hd_t c,
+               unsigned char md5[16])
 {
-    const std::string s = std::to_string(mib) + "MiB";
-    benchmark::RegisterBenchmark(("load/" + s + "/taze").c_str(), [mib](benchmark::State &st) {
-        const std::string path = load_file(mib);
+    static const unsigned char zero[16] = {};
+    constexpr std::size_t kChunk = 64 * 1024;
+    for (std::size_t off = 0; off < in.size(); off += kChunk) {
+        const std::size_t n = std::min(kChunk, in.size() - off);
+        gcry_cipher_setiv(c, zero, 16);
+        gcry_cipher_decrypt(c, out.data() + off, n, in.data() + off, n);
+        for (std::size_t i = 16; i < n; ++i) out[off + i] ^= in[off + i - 16];
+    }
+    gcry_md_hash_buffer(GCRY_MD_MD5, md5, out.data(), out.size());
+}
+
+void register_load(const std::string &shape, std::size_t mib)
+{
+    const std::string s = "load/" + shape + "-" + std::to_string(mib) + "MiB/";
+    benchmark::RegisterBenchmark((s + "taze").c_str(), [shape, mib](benchmark::State &st) {
+        const std::string path = load_file(shape, mib);
         for (auto _ : st) {
             TAZE *h = nullptr;
             TAZE_Init(&h);
@@ -527,23 +681,47 @@ void register_load(std::size_t mib)
         }
         st.SetBytesProcessed(std::int64_t(st.iterations()) * std::int64_t(file_size(path)));
     })->Unit(benchmark::kMillisecond)->UseRealTime()->MinTime(1.0);
-    benchmark::RegisterBenchmark(("load/" + s + "/raw").c_str(), [mib](benchmark::State &st) {
-        const std::string path = load_file(mib);
+    benchmark::RegisterBenchmark((s + "raw").c_str(), [shape, mib](benchmark::State &st) {
+        const std::string path = load_file(shape, mib);
         std::vector<unsigned char> bytes(file_size(path) / 16 * 16), work(bytes.size());
         std::ifstream(path, std::ios::binary).read(reinterpret_cast<char *>(bytes.data()), std::streamsize(bytes.size()));
         gcry_check_version(nullptr);
         gcry_cipher_hd_t c;
         static const unsigned char key[16] = {1, 2, 3};
-        gcry_cipher_open(&c, GCRY_CIPHER_TWOFISH128, GCRY_CIPHER_MODE_ECB, 0);
+        gcry_cipher_open(&c, GCRY_CIPHER_TWOFISH128, GCRY_CIPHER_MODE_CBC, 0);
         gcry_cipher_setkey(c, key, 16);
         unsigned char md5[16];
         for (auto _ : st) {
-            gcry_cipher_decrypt(c, work.data(), work.size(), bytes.data(), bytes.size());
-            gcry_md_hash_buffer(GCRY_MD_MD5, md5, work.data(), work.size());
+            raw_limit(bytes, work, c, md5);
             benchmark::DoNotOptimize(md5);
         }
         gcry_cipher_close(c);
         st.SetBytesProcessed(std::int64_t(st.iterations()) * std::int64_t(bytes.size()));
+    })->Unit(benchmark::kMillisecond)->UseRealTime()->MinTime(1.0);
+    /* Reload through the C++ holder while two threads query the pattern it
+     * serves (each through its own cached snapshot). */
+    benchmark::RegisterBenchmark((s + "reload").c_str(), [shape, mib](benchmark::State &st) {
+        const std::string path = load_file(shape, mib);
+        taze::reloading_handle holder;
+        holder.load_dir(dir_of(path), "bench");
+        std::atomic<bool> stop{false};
+        std::atomic<std::uint64_t> queries{0};
+        auto query = [&] {
+            taze::reloading_handle::reader reader(holder);
+            std::uint64_t n = 0;
+            while (!stop.load(std::memory_order_relaxed)) {
+                benchmark::DoNotOptimize(reader.current()->search(taze::list_kind::exact, 0, "alpha.example"));
+                ++n;
+            }
+            queries += n;
+        };
+        std::thread a(query), b(query);
+        for (auto _ : st)
+            if (holder.try_reload()) st.SkipWithError("reload failed");
+        stop = true;
+        a.join();
+        b.join();
+        st.counters["queries"] = benchmark::Counter(double(queries.load()), benchmark::Counter::kIsRate);
     })->Unit(benchmark::kMillisecond)->UseRealTime()->MinTime(1.0);
 }
 
@@ -594,10 +772,13 @@ public:
         for (const Run &r : runs) {
             if (r.error_occurred || r.run_type != Run::RT_Iteration) continue;
             const double to_ns = r.time_unit == benchmark::kMillisecond ? 1e6 : r.time_unit == benchmark::kMicrosecond ? 1e3 : 1;
-            /* Lookups count processor time (the machine is shared); loads
-             * and thread runs count wall time (they ask for it). */
+            /* Lookups and loads count the processor time of their one
+             * thread, kernel time included (the machine is shared: wall time
+             * there counts the other users); thread runs and reloads, which
+             * run several threads, count wall time. */
             const std::string name = short_name(r.benchmark_name());
-            const bool wall = name.rfind("load/", 0) == 0 || name.rfind("threads/", 0) == 0;
+            const bool wall = name.rfind("threads/", 0) == 0 ||
+                              (name.size() > 7 && name.compare(name.size() - 7, 7, "/reload") == 0);
             ns[name] = (wall ? r.GetAdjustedRealTime() : r.GetAdjustedCPUTime()) * to_ns;
             auto it = r.counters.find("items_per_second");
             if (it != r.counters.end()) rate[name] = it->second;
@@ -629,14 +810,17 @@ void print_table(const Collector &c, const std::vector<std::size_t> &sizes, cons
                 std::printf("| %s | %s | %.0f | %.0f | %.2fx | - | - | - |\n", k, size_name(n).c_str(), f->second, p->second,
                             p->second / f->second);
         }
-    std::printf("\n| load | taze ms | raw decrypt+MD5 ms | taze speed / raw | peak memory / file size |\n|---|---|---|---|---|\n");
-    for (std::size_t mib : mibs) {
-        const std::string pre = "load/" + std::to_string(mib) + "MiB/";
-        auto t = c.ns.find(pre + "taze"), r = c.ns.find(pre + "raw");
-        if (t == c.ns.end() || r == c.ns.end()) continue;
-        std::printf("| %zu MiB | %.1f | %.1f | %.2fx | %.2fx |\n", mib, t->second / 1e6, r->second / 1e6,
-                    r->second / t->second, peak_ratio(load_file(mib)));
-    }
+    std::printf("\n| load | taze ms | raw limit ms | taze speed / raw | peak memory / file size | reload ms (2 threads querying) |\n|---|---|---|---|---|---|\n");
+    for (const char *shape : kShapes)
+        for (std::size_t mib : mibs) {
+            const std::string name = std::string(shape) + "-" + std::to_string(mib) + "MiB";
+            const std::string pre = "load/" + name + "/";
+            auto t = c.ns.find(pre + "taze"), r = c.ns.find(pre + "raw"), re = c.ns.find(pre + "reload");
+            if (t == c.ns.end() || r == c.ns.end()) continue;
+            std::printf("| %s | %.1f | %.1f | %.2fx | %.2fx | %s |\n", name.c_str(), t->second / 1e6, r->second / 1e6,
+                        r->second / t->second, peak_ratio(load_file(shape, mib)),
+                        re == c.ns.end() ? "-" : std::to_string(int(re->second / 1e6 + 0.5)).c_str());
+        }
     std::printf("\n| threads (one handle, exact lookups) | lookups/s | vs 1 thread |\n|---|---|---|\n");
     for (std::size_t n : sizes) {
         const std::string pre = "threads/" + size_name(n) + "/exact/threads:";
@@ -659,9 +843,11 @@ void print_table(const Collector &c, const std::vector<std::size_t> &sizes, cons
 
 int main(int argc, char **argv)
 {
-    if (argc == 4 && std::strcmp(argv[1], "--write-load-file") == 0) { /* for profiling a load */
-        const std::string made = load_file(std::size_t(std::atol(argv[2])));
-        return std::rename(made.c_str(), argv[3]) == 0 ? 0 : 1;
+    if (argc >= 4 && std::strcmp(argv[1], "--write-load-file") == 0) { /* for profiling a load */
+        const std::string made = load_file(argc > 4 ? argv[4] : "combined", std::size_t(std::atol(argv[2])));
+        const bool moved = std::rename(made.c_str(), argv[3]) == 0;
+        rmdir(dir_of(made).c_str());
+        return moved ? 0 : 1;
     }
     std::vector<char *> args;
     for (int i = 0; i < argc; ++i) {
@@ -677,11 +863,15 @@ int main(int argc, char **argv)
     const std::vector<std::size_t> mibs = g_quick ? std::vector<std::size_t>{1, 16} : std::vector<std::size_t>{1, 16, 64};
     for (std::size_t s : sizes) register_lookups(s);
     register_threads(sizes.back());
-    for (std::size_t m : mibs) register_load(m);
+    for (const char *shape : kShapes)
+        for (std::size_t m : mibs) register_load(shape, m);
     Collector c;
     benchmark::RunSpecifiedBenchmarks(&c);
     print_table(c, sizes, mibs);
-    for (const auto &f : g_load_files) std::remove(f.second.c_str());
+    for (const auto &f : g_load_files) {
+        std::remove(f.second.c_str());
+        rmdir(dir_of(f.second).c_str());
+    }
     g_worlds.clear();
     benchmark::Shutdown();
     return 0;

@@ -2,6 +2,9 @@
 #ifndef READPTN_H
 #define READPTN_H
 
+#include <stddef.h>
+#include <stdio.h>
+
 #include "linux_x64.h"
 #include "vkc.h"
 
@@ -37,6 +40,17 @@ typedef struct _encHead {
     unsigned char digest[KORM_KEY_LEN];
 } ENCHEAD, *PENCHEAD;
 
+/* A body being decrypted and digested in steps as it arrives (tfsh_md5).
+ * A failure is kept in rc and reported once the whole body is there. */
+typedef struct _BodyDecrypt {
+    void *cipher;       /* libgcrypt handle of the body key, once started */
+    void *md;           /* libgcrypt MD5 of the payload so far */
+    UINT32 done;        /* bytes decrypted (and digested up to declen) */
+    long rc;            /* first failure, else 0 */
+    unsigned char digest[KORM_KEY_LEN]; /* the decrypted digest */
+    INT32 started;
+} BODYDECRYPT;
+
 typedef struct _QDPatternStream QDPatternBuf;
 typedef INT32 (*QDGetDataFun)(QDPatternBuf *pPatternBuf);
 
@@ -58,6 +72,10 @@ struct _QDPatternStream {
     INT32 tmpIndex;
     INT32 tmpSize;
     INT32 status;
+    /* Behind the contract's fields: the one-copy load path. */
+    UINT64 inputSize;   /* bytes of the whole input when the feeder knows them, else 0 */
+    size_t tmpCapacity; /* bytes allocated at tmp */
+    BODYDECRYPT crypt;  /* the current body's decryption */
 };
 
 #ifdef __cplusplus
@@ -69,6 +87,10 @@ int putPatternBuffer(QDPatternBuf *pPatternBuf, char *buf, int len);
 int delPatternBuffer(QDPatternBuf *pPatternBuf);
 int setHandleFun(QDPatternBuf *pPatternBuf, INT32 expectLen, QDGetDataFun fun);
 int peekTAZPatternVer(const char *path, unsigned int *ver);
+/* Feed a whole open file to a new reader and signal its end: 0, or
+ * READ_ERR when the reader fails. Bodies are read straight into the
+ * buffer that becomes the payload. */
+int readPatternFile(QDPatternBuf *pPatternBuf, FILE *file);
 int parseTAZPattern(struct _TAZPattern *pTAZPattern, unsigned char *buf, int len);
 int parseULMPattern(struct _TAZPattern *pTAZPattern, unsigned char *buf, int len);
 

@@ -15,6 +15,11 @@
 #include <cstdlib>
 #include <cstring>
 
+#include <sys/mman.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include "format.h"
 #include "readptn.h"
 #include "taze_impl.h"
 #include "tazeptn.h"
@@ -31,7 +36,13 @@ const UINT32 kSequenceCounter = 0;
 constexpr INT32 kReadFailed = -1;
 constexpr int kPeekChunk = 32;
 
-static_assert(KORMHEAD_SIZE == 32 && KORMSUB_SIZE == 16 && ENCHEAD_SIZE == 24, "container header sizes");
+/* Bodies are decrypted and digested in steps of this many bytes as they
+ * arrive, each while it is still in cache; the file reader reads them in
+ * pieces of the same size. */
+constexpr INT32 kStep = 64 * 1024;
+/* Pieces the file reader hands to the push reader (headers, fillers,
+ * skipped bodies, bodies whose claimed length the file does not hold). */
+constexpr INT32 kPiece = 8 * 1024;
 
 /* ---- handlers of both chains (defined below) ------------------------------ */
 INT32 getMainHeader(QDPatternBuf *p);
@@ -129,13 +140,30 @@ size_t bodyCapacity(INT32 collected, INT32 size)
     return static_cast<size_t>(cap < full ? cap : full);
 }
 
+/* Bodies from this size up ask for transparent huge pages before their
+ * pages are made present: on a 64 MiB file that took the load from 346-366
+ * to 270-276 ms (one fault per 2 MiB instead of per 4 KiB); at 16 MiB it
+ * changed nothing. A hint: a kernel that refuses it changes nothing. */
+constexpr size_t kHugeBody = size_t(8) << 20;
+
+void adviseHugePages(void *p, size_t n)
+{
+    if (n < kHugeBody) return;
+    const uintptr_t page = uintptr_t(sysconf(_SC_PAGESIZE));
+    const uintptr_t first = (uintptr_t(p) + page - 1) & ~(page - 1);
+    const uintptr_t last = (uintptr_t(p) + n) & ~(page - 1);
+    if (last > first) (void)madvise(reinterpret_cast<void *>(first), last - first, MADV_HUGEPAGE);
+}
+
 /* Free the body buffer and forget it. */
 void dropBody(QDPatternBuf *p)
 {
+    decRelease(&p->crypt);
     std::free(p->tmp);
     p->tmp = nullptr;
     p->tmpIndex = 0;
     p->tmpSize = 0;
+    p->tmpCapacity = 0;
 }
 
 /* ---- handlers shared by both chains ----------------------------------------- */
@@ -148,33 +176,6 @@ INT32 nextSubPattern(QDPatternBuf *p)
     p->secNum = static_cast<INT32>(static_cast<UINT32>(p->secNum) - 1u);
     if (p->secNum < 1) return setHandleFun(p, 1, trapFun);
     return setHandleFun(p, KORMSUB_SIZE, C.subHeader);
-}
-
-/* Header decoders: big-endian fields straight from the byte stream. */
-void decodeMainHeader(const unsigned char *b, KORMHEAD &h)
-{
-    std::memcpy(h.magic, b, 4);
-    h.fmtVer = bigEndianToU16(b + 4);
-    h.mbz = bigEndianToU16(b + 6);
-    h.ptnVer = bigEndianToU32(b + 8);
-    h.cntSub = bigEndianToU32(b + 12);
-    for (int i = 0; i < 4; ++i) h.reserved[i] = bigEndianToU32(b + 16 + 4 * i);
-}
-
-void decodeSubHeader(const unsigned char *b, KORMSUB &s)
-{
-    s.subtype = bigEndianToU16(b);
-    s.enctype = bigEndianToU16(b + 2);
-    s.minver = bigEndianToU32(b + 4);
-    s.maxver = bigEndianToU32(b + 8);
-    s.offset = bigEndianToU32(b + 12);
-}
-
-void decodeEncHeader(const unsigned char *b, ENCHEAD &e)
-{
-    e.enclen = bigEndianToU32(b);
-    e.declen = bigEndianToU32(b + 4);
-    std::memcpy(e.digest, b + 8, KORM_KEY_LEN);
 }
 
 /* Decode and take one whole header; false when the buffer does not hold it. */
@@ -191,7 +192,7 @@ template <const Chain &C>
 INT32 mainHeaderStep(QDPatternBuf *p)
 {
     if (p->bufIndex < KORMHEAD_SIZE || std::memcmp(p->buf, TAZP_FILE_MAGIC_STR, 4) != 0) return kReadFailed;
-    takeHeader<KORMHEAD, KORMHEAD_SIZE, decodeMainHeader>(p, p->kormHead);
+    takeHeader<KORMHEAD, KORMHEAD_SIZE, taze::decode_main_header>(p, p->kormHead);
     p->secNum = static_cast<INT32>(p->kormHead.cntSub);
     return setHandleFun(p, KORMSUB_SIZE, C.subHeader);
 }
@@ -199,7 +200,7 @@ INT32 mainHeaderStep(QDPatternBuf *p)
 template <const Chain &C>
 INT32 subHeaderStep(QDPatternBuf *p)
 {
-    if (!takeHeader<KORMSUB, KORMSUB_SIZE, decodeSubHeader>(p, p->kormSub)) return kReadFailed;
+    if (!takeHeader<KORMSUB, KORMSUB_SIZE, taze::decode_sub_header>(p, p->kormSub)) return kReadFailed;
     const UINT32 offset = p->kormSub.offset;
     if (offset <= p->fileOffset) return setHandleFun(p, ENCHEAD_SIZE, C.encHead);
     UINT32 gap = offset - p->fileOffset;
@@ -217,38 +218,36 @@ INT32 specificOffsetStep(QDPatternBuf *p)
     return setHandleFun(p, ENCHEAD_SIZE, C.encHead);
 }
 
-/* Lengths that a collected body must satisfy before anything is allocated:
- * the payload lies inside the stored body, and an encrypted body is made of
- * whole cipher blocks and holds the 32 bytes the digest key is taken from. */
-bool bodyLengthsValid(const ENCHEAD &e, UINT16 enctype)
-{
-    if (e.declen > e.enclen) return false;
-    if (enctype == KORM_ENC_TFSH_MD5 && (e.enclen < 32u || e.enclen % 16u != 0u)) return false;
-    return true;
-}
-
 template <const Chain &C>
 INT32 encHeadStep(QDPatternBuf *p)
 {
-    if (!takeHeader<ENCHEAD, ENCHEAD_SIZE, decodeEncHeader>(p, p->encHead)) return kReadFailed;
+    if (!takeHeader<ENCHEAD, ENCHEAD_SIZE, taze::decode_enc_header>(p, p->encHead)) return kReadFailed;
     const ENCHEAD &e = p->encHead;
     /* Body lengths are expected lengths (32-bit signed). */
     if (e.enclen > static_cast<UINT32>(INT32_MAX)) return kReadFailed;
     const KORMSUB &s = p->kormSub;
     QDGetDataFun body = nullptr;
-    if (s.minver == 0 && s.maxver == 0 && e.enclen != 0) body = C.bodyFor(s.subtype);
+    if (taze::body_use(s, e) == taze::BodyUse::kRead) body = C.bodyFor(s.subtype);
     if (!body) return setHandleFun(p, static_cast<INT32>(e.enclen), C.skip);
     if (C.collects) {
-        if (!bodyLengthsValid(e, s.enctype)) return kReadFailed;
+        if (!taze::body_lengths_valid(e, s.enctype)) return kReadFailed;
         dropBody(p);
         /* Room for max(enclen, declen) bytes once complete (declen never
-         * exceeds enclen here); the buffer grows as the body arrives. */
+         * exceeds enclen here). When the feeder knows that the input holds
+         * the whole body, the buffer is sized once; otherwise it grows as
+         * the body arrives, so that a claim costs memory only as the input
+         * delivers it. */
         p->tmpSize = static_cast<INT32>(e.enclen);
-        p->tmp = static_cast<unsigned char *>(std::malloc(bodyCapacity(0, p->tmpSize)));
+        const bool held = p->inputSize != 0 && std::uint64_t(p->fileOffset) + e.enclen <= p->inputSize;
+        const size_t capacity = held ? size_t(e.enclen) + TAZ_PTN_PAD : bodyCapacity(0, p->tmpSize);
+        p->tmp = static_cast<unsigned char *>(std::malloc(capacity));
         if (!p->tmp) {
             p->tmpSize = 0;
             return NO_MEM_ERR;
         }
+        if (held) adviseHugePages(p->tmp, capacity);
+        taz_prefault(p->tmp, capacity);
+        p->tmpCapacity = capacity;
         p->tmpIndex = 0;
     }
     return setHandleFun(p, static_cast<INT32>(e.enclen), body);
@@ -274,7 +273,24 @@ INT32 skipStep(QDPatternBuf *p)
 bool decryptBody(QDPatternBuf *p)
 {
     if (p->kormSub.enctype != KORM_ENC_TFSH_MD5) return true;
-    return decBuf(&p->encHead, p->tmp) == KORM_TFSH_MD5_SUCCESS;
+    if (!p->crypt.started) decStart(&p->crypt, &p->encHead, p->tmp);
+    decStep(&p->crypt, &p->encHead, p->tmp, static_cast<UINT32>(p->tmpIndex));
+    const long rc = decFinish(&p->crypt, &p->encHead);
+    decRelease(&p->crypt);
+    return rc == KORM_TFSH_MD5_SUCCESS;
+}
+
+/* Decrypt what arrived of an encrypted body, a step at a time: the key
+ * needs the first 32 bytes; the last step is left to decryptBody. */
+void decryptArrived(QDPatternBuf *p)
+{
+    if (p->kormSub.enctype != KORM_ENC_TFSH_MD5 || p->expectLen == 0) return;
+    if (!p->crypt.started) {
+        if (p->tmpIndex < 32) return;
+        decStart(&p->crypt, &p->encHead, p->tmp);
+    }
+    if (static_cast<UINT32>(p->tmpIndex) - p->crypt.done >= static_cast<UINT32>(kStep))
+        decStep(&p->crypt, &p->encHead, p->tmp, static_cast<UINT32>(p->tmpIndex));
 }
 
 /* A complete TAZ or ULM body: decrypt it and hand it over to the image
@@ -287,7 +303,7 @@ INT32 useImageBody(QDPatternBuf *p)
         return kReadFailed;
     }
     unsigned char *body = p->tmp;
-    const size_t capacity = bodyCapacity(p->tmpSize, p->tmpSize);
+    const size_t capacity = p->tmpCapacity;
     p->tmp = nullptr;
     dropBody(p);
     return Adopt(p->pTAZPattern, body, p->encHead.declen, capacity) == 0 ? 0 : kReadFailed;
@@ -306,19 +322,17 @@ INT32 useRawBody(QDPatternBuf *p)
     raw->data = p->tmp;
     raw->len = p->encHead.declen;
     p->tmp = nullptr;
-    p->tmpIndex = 0;
-    p->tmpSize = 0;
+    dropBody(p);
     return 0;
 }
 
-/* Collect body bytes into tmp; hand the complete body to Use. */
-template <INT32 (*Use)(QDPatternBuf *)>
-INT32 collectStep(QDPatternBuf *p)
+/* Copy n body bytes from src to the end of tmp, growing tmp when needed;
+ * 0, or the failure code. */
+INT32 appendBody(QDPatternBuf *p, const unsigned char *src, INT32 n)
 {
-    INT32 n = available(p);
     if (!p->tmp || n < 0 || static_cast<int64_t>(p->tmpIndex) + n > p->tmpSize) return kReadFailed;
     const size_t capacity = bodyCapacity(p->tmpIndex + n, p->tmpSize);
-    if (capacity != bodyCapacity(p->tmpIndex, p->tmpSize)) {
+    if (capacity > p->tmpCapacity) {
         /* A new buffer made present before the bytes move into it, rather
          * than realloc, whose copy would fault its pages in one by one. */
         auto *grown = static_cast<unsigned char *>(std::malloc(capacity));
@@ -327,14 +341,37 @@ INT32 collectStep(QDPatternBuf *p)
         std::memcpy(grown, p->tmp, static_cast<size_t>(p->tmpIndex));
         std::free(p->tmp);
         p->tmp = grown;
+        p->tmpCapacity = capacity;
     }
-    std::memcpy(p->tmp + p->tmpIndex, p->buf, static_cast<size_t>(n));
+    if (n > 0) std::memcpy(p->tmp + p->tmpIndex, src, static_cast<size_t>(n));
+    return 0;
+}
+
+/* n more body bytes lie at tmp[tmpIndex]: account for them, decrypt what
+ * a step holds, and hand the complete body to Use. */
+template <INT32 (*Use)(QDPatternBuf *)>
+INT32 bodyArrived(QDPatternBuf *p, INT32 n)
+{
     p->tmpIndex += n;
-    flushData(p, n);
+    p->fileOffset += static_cast<UINT32>(n);
+    p->expectLen -= n;
+    decryptArrived(p);
     if (p->expectLen != 0) return 0;
     INT32 rc = Use(p);
     if (rc != 0) return rc;
     return nextSubPattern<kLoadChain>(p);
+}
+
+/* Collect body bytes from the staging buffer into tmp. */
+template <INT32 (*Use)(QDPatternBuf *)>
+INT32 collectStep(QDPatternBuf *p)
+{
+    const INT32 n = available(p);
+    const INT32 rc = appendBody(p, p->buf, n);
+    if (rc != 0) return rc;
+    std::memmove(p->buf, p->buf + n, static_cast<size_t>(p->bufIndex - n));
+    p->bufIndex -= n;
+    return bodyArrived<Use>(p, n);
 }
 
 /* ---- the named handlers -------------------------------------------------------- */
@@ -354,6 +391,27 @@ INT32 getEncHeadPeek(QDPatternBuf *p) { return encHeadStep<kPeekChain>(p); }
 INT32 getSkipDataPeek(QDPatternBuf *p) { return skipStep<kPeekChain, false>(p); }
 INT32 skipTAZEData(QDPatternBuf *p) { return skipStep<kPeekChain, true>(p); }
 INT32 skipULMData(QDPatternBuf *p) { return skipStep<kPeekChain, true>(p); }
+
+/* The body states and what completes their bodies, for the paths that put
+ * body bytes into tmp without the staging buffer. */
+struct BodyState {
+    QDGetDataFun handler;
+    INT32 (*arrived)(QDPatternBuf *, INT32);
+};
+constexpr BodyState kBodyStates[] = {
+    {getTAZEData, bodyArrived<useImageBody<adoptTAZPattern>>},
+    {getULMData, bodyArrived<useImageBody<adoptULMPattern>>},
+    {getRawPatternData, bodyArrived<useRawBody>},
+};
+
+/* The body state the reader is in with nothing staged, or null. */
+const BodyState *directBody(const QDPatternBuf *p)
+{
+    if (p->bufIndex != 0 || p->expectLen <= 0) return nullptr;
+    for (const BodyState &b : kBodyStates)
+        if (p->getData == b.handler) return &b;
+    return nullptr;
+}
 
 /* End trap: swallows whatever follows the last sub-pattern. */
 INT32 trapFun(QDPatternBuf *p)
@@ -504,14 +562,25 @@ int putPatternBuffer(QDPatternBuf *pPatternBuf, char *buf, int len)
     }
     if (p->expectLen == 0) return -1; /* input after the end */
 
-    int used = putData(p, buf, len);
+    int used = 0;
     /* Progress guard: a stream that keeps calling handlers without consuming
      * its input is cut off. */
     const int64_t maxIterations = 2 * static_cast<int64_t>(len);
     for (int64_t iteration = 1;; ++iteration) {
+        INT32 rc;
+        const BodyState *body = directBody(p);
+        if (body && used < len) {
+            /* Body bytes go from the chunk straight into the body buffer. */
+            const INT32 n = p->expectLen < len - used ? p->expectLen : len - used;
+            rc = appendBody(p, reinterpret_cast<const unsigned char *>(buf) + used, n);
+            if (rc == 0) rc = body->arrived(p, n);
+            used += n;
+            if (rc != 0) return p->status = rc;
+            continue;
+        }
         used += putData(p, buf + used, len - used);
         if (p->expectLen > p->bufIndex && p->bufIndex < PATTERN_BUF_SIZE) return 0;
-        INT32 rc = p->getData(p);
+        rc = p->getData(p);
         if (rc != 0) return p->status = rc;
         if (iteration > maxIterations) return p->status = kReadFailed;
     }
@@ -552,6 +621,41 @@ int delRawPattern(struct _RawPattern *pRawPattern)
     }
     std::free(pRawPattern);
     return 0;
+}
+
+int readPatternFile(QDPatternBuf *pPatternBuf, FILE *file)
+{
+    QDPatternBuf *p = pPatternBuf;
+    if (!p || !file) return READ_ERR;
+    struct stat st;
+    if (fstat(fileno(file), &st) == 0 && S_ISREG(st.st_mode) && st.st_size > 0)
+        p->inputSize = static_cast<UINT64>(st.st_size);
+    char piece[kPiece];
+    for (;;) {
+        const BodyState *body = p->status == 0 ? directBody(p) : nullptr;
+        if (body && p->tmpCapacity >= static_cast<size_t>(p->tmpSize)) {
+            /* A body the buffer already holds room for: read it straight
+             * into place, a step at a time. */
+            const INT32 want = p->expectLen < kStep ? p->expectLen : kStep;
+            const size_t n = std::fread(p->tmp + p->tmpIndex, 1, static_cast<size_t>(want), file);
+            if (n == 0) break;
+            const INT32 rc = body->arrived(p, static_cast<INT32>(n));
+            if (rc != 0) {
+                p->status = rc;
+                return READ_ERR;
+            }
+            continue;
+        }
+        /* Otherwise what the current piece of the container still lacks
+         * (so that a body starts with nothing staged), or a large piece
+         * after the end or inside a body. */
+        const INT32 lack = p->expectLen - p->bufIndex;
+        const INT32 want = p->getData == trapFun || lack <= 0 || lack > kPiece ? kPiece : lack;
+        const size_t n = std::fread(piece, 1, static_cast<size_t>(want), file);
+        if (n == 0) break;
+        if (putPatternBuffer(p, piece, static_cast<int>(n)) < 0) return READ_ERR;
+    }
+    return putPatternBuffer(p, piece, 0) == 0 ? 0 : READ_ERR;
 }
 
 int peekTAZPatternVer(const char *path, unsigned int *ver)

@@ -28,8 +28,6 @@ using Pattern = taz_pattern_st;
 
 /* The shortest version text, "0.00000.00", with its terminator. */
 constexpr int kVersionTextMin = 11;
-/* The loader feeds the reader in pieces of this size. */
-constexpr std::size_t kReadPiece = 32;
 
 const unsigned char *as_bytes(const char *s) { return reinterpret_cast<const unsigned char *>(s); }
 
@@ -399,18 +397,6 @@ int map_by_index(TAZE *h, int ptn_type, int map_type, int magic, int index, type
 
 /* ---- loading ------------------------------------------------------------- */
 
-/* Feeds a whole file to a reader in pieces and signals the end: 0, or
- * READ_ERR at the first failure. */
-int feed_file(QDPatternBuf *reader, FILE *f)
-{
-    char piece[kReadPiece];
-    std::size_t n;
-    while ((n = fread(piece, 1, sizeof piece, f)) > 0) {
-        if (putPatternBuffer(reader, piece, static_cast<int>(n)) < 0) return READ_ERR;
-    }
-    return putPatternBuffer(reader, piece, 0) == 0 ? 0 : READ_ERR;
-}
-
 /* Scans a pattern directory into head: true, or false after the message. */
 bool scan_dir(const char *dir, const char *prefix, LIST_HEAD *head)
 {
@@ -572,7 +558,7 @@ TAZE_API int TAZE_LoadPattern(TAZE *pTAZE, const char *tazptn_path)
         fclose(f);
         return NO_MEM_ERR;
     }
-    int rc = feed_file(reader, f);
+    int rc = readPatternFile(reader, f);
     _TAZPattern *rec = reader->pTAZPattern;
     if (rc == 0 && rec && rec->taz_ptn) {
         /* A TAZ image is required; the record and a non-empty raw record

@@ -8,6 +8,7 @@
 
 #include <algorithm>
 #include <climits>
+#include <cstdint>
 #include <cstring>
 #include <mutex>
 
@@ -23,7 +24,7 @@ constexpr std::size_t kDigestBits = kKeyBytes * 8;
 /* The body must hold every key position. */
 constexpr std::size_t kMinBody = 32;
 /* Ciphertext kept per step of the ECB decryption (see ecb_decrypt). */
-constexpr std::size_t kChunk = 4096;
+constexpr std::size_t kChunk = 8192;
 
 static_assert(sizeof(taze::kDigestIvHex) == 2 * kKeyBytes + 1, "the IV spells 16 bytes");
 static_assert(kChunk % kBlock == 0, "chunks hold whole blocks");
@@ -94,28 +95,40 @@ void make_key(const unsigned char material[kKeyBytes], unsigned char key[kKeyByt
     key_from_hex(text, key);
 }
 
-/* ECB decryption of len bytes (whole blocks) in place. libgcrypt 1.10
- * decrypts ECB one block at a time but CBC in bulk, and CBC decryption with
- * a zero IV followed by XOR with the previous ciphertext block is exactly
- * ECB decryption; so each chunk is copied aside and CBC-decrypted out of
- * place, and its blocks are XORed with the kept ciphertext. */
-long ecb_decrypt(const unsigned char key[kKeyBytes], unsigned char *buf, std::size_t len)
+/* ECB decryption of the whole blocks [from, to) of buf, in place. libgcrypt
+ * 1.10 decrypts ECB one block at a time but CBC in bulk, and CBC decryption
+ * with a zero IV gives D(C[k]) ^ C[k-1]. So each chunk is CBC-decrypted out
+ * of place into a scratch buffer, and one forward pass writes the scratch
+ * block XORed with the ciphertext block before it back over the body (each
+ * ciphertext block is read before its place is written). */
+long ecb_decrypt(gcry_cipher_hd_t h, unsigned char *buf, std::size_t from, std::size_t to)
 {
-    Cipher c;
-    long rc = open_cipher(c, GCRY_CIPHER_MODE_CBC, key, KORM_TFSH_MD5_ERROR_BLOCK_DEC);
     static constexpr unsigned char zero_iv[kBlock] = {};
-    unsigned char kept[kChunk];
-    for (std::size_t off = 0; rc == KORM_TFSH_MD5_SUCCESS && off < len; off += kChunk) {
-        const std::size_t n = std::min(kChunk, len - off);
-        unsigned char *out = buf + off;
-        std::memcpy(kept, out, n);
-        rc = crypt_result(gcry_cipher_setiv(c.h, zero_iv, kBlock), KORM_TFSH_MD5_ERROR_BLOCK_DEC);
+    alignas(64) unsigned char plain[kChunk];
+    for (std::size_t off = from; off < to; off += kChunk) {
+        const std::size_t n = std::min(kChunk, to - off);
+        unsigned char *body = buf + off;
+        long rc = crypt_result(gcry_cipher_setiv(h, zero_iv, kBlock), KORM_TFSH_MD5_ERROR_BLOCK_DEC);
         if (rc == KORM_TFSH_MD5_SUCCESS)
-            rc = crypt_result(gcry_cipher_decrypt(c.h, out, n, kept, n), KORM_TFSH_MD5_ERROR_BLOCK_DEC);
-        for (std::size_t i = kBlock; rc == KORM_TFSH_MD5_SUCCESS && i < n; ++i) out[i] ^= kept[i - kBlock];
+            rc = crypt_result(gcry_cipher_decrypt(h, plain, n, body, n), KORM_TFSH_MD5_ERROR_BLOCK_DEC);
+        if (rc != KORM_TFSH_MD5_SUCCESS) return rc;
+        std::uint64_t prev[2] = {0, 0};
+        for (std::size_t i = 0; i < n; i += kBlock) {
+            std::uint64_t c[2], p[2];
+            std::memcpy(c, body + i, kBlock);
+            std::memcpy(p, plain + i, kBlock);
+            p[0] ^= prev[0];
+            p[1] ^= prev[1];
+            std::memcpy(body + i, p, kBlock);
+            prev[0] = c[0];
+            prev[1] = c[1];
+        }
     }
-    return rc;
+    return KORM_TFSH_MD5_SUCCESS;
 }
+
+gcry_cipher_hd_t cipher_of(const BODYDECRYPT *d) { return static_cast<gcry_cipher_hd_t>(d->cipher); }
+gcry_md_hd_t md_of(const BODYDECRYPT *d) { return static_cast<gcry_md_hd_t>(d->md); }
 
 /* Process-wide libgcrypt set-up, done once whichever thread gets here first.
  * A host that initialised libgcrypt itself keeps its own settings. */
@@ -170,13 +183,15 @@ long tfsh_cfb1(const unsigned char key[KORM_KEY_LEN], const unsigned char iv[KOR
     return rc;
 }
 
-long decBuf(PENCHEAD encHead, unsigned char *buf)
+void decStart(BODYDECRYPT *d, PENCHEAD encHead, const unsigned char *buf)
 {
-    if (!encHead || !buf || !gcrypt_ready()) return KORM_TFSH_MD5_ERROR_BLOCK_DEC;
-    const std::size_t enclen = encHead->enclen;
+    *d = BODYDECRYPT{};
+    d->started = 1;
+    d->rc = KORM_TFSH_MD5_ERROR_BLOCK_DEC;
+    if (!encHead || !buf || !gcrypt_ready()) return;
     /* Key one comes from bytes up to position 31: a shorter body cannot
      * supply it, and reading it would leave the body. */
-    if (enclen < kMinBody) return KORM_TFSH_MD5_ERROR_BLOCK_DEC;
+    if (encHead->enclen < kMinBody) return;
 
     unsigned char material[kKeyBytes];
     for (std::size_t i = 0; i < kKeyBytes; ++i) material[i] = buf[taze::kKeyPositions[i]];
@@ -184,26 +199,62 @@ long decBuf(PENCHEAD encHead, unsigned char *buf)
     unsigned char iv[kKeyBytes];
     make_key(material, key);
     key_from_hex(taze::kDigestIvHex, iv);
-    long rc = tfsh_cfb1(key, iv, encHead->digest, 0);
-    if (rc != KORM_TFSH_MD5_SUCCESS) return rc;
+    d->rc = tfsh_cfb1(key, iv, encHead->digest, 0);
+    if (d->rc != KORM_TFSH_MD5_SUCCESS) return;
+    std::memcpy(d->digest, encHead->digest, kKeyBytes);
 
+    make_key(encHead->digest, key);
+    Cipher c;
+    d->rc = open_cipher(c, GCRY_CIPHER_MODE_CBC, key, KORM_TFSH_MD5_ERROR_BLOCK_DEC);
+    if (d->rc != KORM_TFSH_MD5_SUCCESS) return;
+    gcry_md_hd_t md = nullptr;
+    d->rc = crypt_result(gcry_md_open(&md, GCRY_MD_MD5, 0), KORM_TFSH_MD5_ERROR_BLOCK_DEC);
+    if (d->rc != KORM_TFSH_MD5_SUCCESS) return;
+    d->cipher = c.h;
+    c.h = nullptr;
+    d->md = md;
+}
+
+void decStep(BODYDECRYPT *d, const ENCHEAD *encHead, unsigned char *buf, UINT32 upto)
+{
+    if (!d->started || d->rc != KORM_TFSH_MD5_SUCCESS) return;
     /* Only whole blocks inside the body are decrypted: a trailing partial
      * block would need bytes past enclen. */
-    const std::size_t whole = enclen / kBlock * kBlock;
-    make_key(encHead->digest, key);
-    rc = ecb_decrypt(key, buf, whole);
-    if (rc != KORM_TFSH_MD5_SUCCESS) return rc;
-    /* A payload reaching past the decrypted blocks cannot match its digest. */
-    if (encHead->declen > whole) return KORM_TFSH_MD5_ERROR_CHECKSUM;
+    const std::size_t end = std::min<std::size_t>(upto, encHead->enclen) / kBlock * kBlock;
+    if (end <= d->done) return;
+    d->rc = ecb_decrypt(cipher_of(d), buf, d->done, end);
+    if (d->rc != KORM_TFSH_MD5_SUCCESS) return;
+    const std::size_t hashed = std::min<std::size_t>(end, encHead->declen);
+    if (hashed > d->done) gcry_md_write(md_of(d), buf + d->done, hashed - d->done);
+    d->done = static_cast<UINT32>(end);
+}
 
-    unsigned char md5[kKeyBytes];
-    gcry_buffer_t iov{};
-    iov.size = iov.len = encHead->declen;
-    iov.data = buf;
-    rc = crypt_result(gcry_md_hash_buffers(GCRY_MD_MD5, 0, md5, &iov, 1), KORM_TFSH_MD5_ERROR_BLOCK_DEC);
-    if (rc != KORM_TFSH_MD5_SUCCESS) return rc;
-    return std::memcmp(md5, encHead->digest, kKeyBytes) == 0 ? KORM_TFSH_MD5_SUCCESS
-                                                              : KORM_TFSH_MD5_ERROR_CHECKSUM;
+long decFinish(BODYDECRYPT *d, const ENCHEAD *encHead)
+{
+    if (!d->started) return KORM_TFSH_MD5_ERROR_BLOCK_DEC;
+    if (d->rc != KORM_TFSH_MD5_SUCCESS) return d->rc;
+    /* A payload reaching past the decrypted blocks cannot match its digest. */
+    if (encHead->declen > d->done) return KORM_TFSH_MD5_ERROR_CHECKSUM;
+    const unsigned char *md5 = gcry_md_read(md_of(d), GCRY_MD_MD5);
+    if (!md5) return KORM_TFSH_MD5_ERROR_BLOCK_DEC;
+    return std::memcmp(md5, d->digest, kKeyBytes) == 0 ? KORM_TFSH_MD5_SUCCESS : KORM_TFSH_MD5_ERROR_CHECKSUM;
+}
+
+void decRelease(BODYDECRYPT *d)
+{
+    gcry_cipher_close(cipher_of(d));
+    gcry_md_close(md_of(d));
+    *d = BODYDECRYPT{};
+}
+
+long decBuf(PENCHEAD encHead, unsigned char *buf)
+{
+    BODYDECRYPT d{};
+    decStart(&d, encHead, buf);
+    if (encHead) decStep(&d, encHead, buf, encHead->enclen);
+    const long rc = encHead ? decFinish(&d, encHead) : long(KORM_TFSH_MD5_ERROR_BLOCK_DEC);
+    decRelease(&d);
+    return rc;
 }
 
 TAZE_API int getMultiple(int num, int mlt)

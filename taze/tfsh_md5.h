@@ -17,6 +17,17 @@ extern "C" {
  * 0 success, 2 decryption failure, 3 digest mismatch, -98 out of memory. */
 long decBuf(PENCHEAD encHead, unsigned char *buf);
 
+/* The same in steps, for a body that arrives piece by piece: start once
+ * its first 32 bytes are there (the digest in encHead is decrypted in
+ * place), decrypt and digest the whole blocks below `upto` as they arrive
+ * (each step while it is still in cache), finish when the body is complete
+ * (decBuf's result), release in every case. A failure inside a step is
+ * kept and returned by the finish. */
+void decStart(BODYDECRYPT *d, PENCHEAD encHead, const unsigned char *buf);
+void decStep(BODYDECRYPT *d, const ENCHEAD *encHead, unsigned char *buf, UINT32 upto);
+long decFinish(BODYDECRYPT *d, const ENCHEAD *encHead);
+void decRelease(BODYDECRYPT *d);
+
 /* One-time libgcrypt set-up shared with the pattern writer; 1 when usable. */
 int tfsh_gcrypt_init(void);
 /* CFB-1 over 128 bits of data, in place (encrypt 1) or inverse (encrypt 0). */

@@ -10,6 +10,7 @@
 #include <cstring>
 
 #include "byteorder.h"
+#include "format.h"
 #include "taze.hpp"
 #include "taze_impl.h"
 #include "tazeptn.h"
@@ -138,10 +139,12 @@ namespace {
 
 std::string skip_reason(const SubHeader &s)
 {
-    const std::uint16_t t = s.sub.subtype;
-    if (t != KORM_SUB_TAZE_RULE && t != KORM_SUB_ULM_RULE && t != KORM_SUB_YUB_RULE) return "kind not read";
-    if (s.sub.minver != 0 || s.sub.maxver != 0) return "engine versions set (the reader needs both 0)";
-    if (s.enc.enclen == 0) return "empty body";
+    switch (taze::body_use(s.sub, s.enc)) {
+    case taze::BodyUse::kKindNotRead: return "kind not read";
+    case taze::BodyUse::kVersionsSet: return "engine versions set (the reader needs both 0)";
+    case taze::BodyUse::kEmpty: return "empty body";
+    case taze::BodyUse::kRead: break;
+    }
     return "";
 }
 
@@ -157,13 +160,8 @@ Layout read_layout(const std::vector<unsigned char> &file)
         return l;
     }
     l.has_head = true;
-    std::memcpy(l.head.magic, b, 4);
-    l.head.fmtVer = bigEndianToU16(b + 4);
-    l.head.mbz = bigEndianToU16(b + 6);
-    l.head.ptnVer = bigEndianToU32(b + 8);
-    l.head.cntSub = bigEndianToU32(b + 12);
-    for (int i = 0; i < 4; ++i) l.head.reserved[i] = bigEndianToU32(b + 16 + 4 * i);
-    if (std::memcmp(l.head.magic, TAZP_FILE_MAGIC_STR, 4) != 0) {
+    taze::decode_main_header(b, l.head);
+    if (!taze::has_file_magic(l.head)) {
         l.problem = "the magic is not \"TAZP\"";
         return l;
     }
@@ -177,14 +175,10 @@ Layout read_layout(const std::vector<unsigned char> &file)
         }
         SubHeader s;
         s.header_pos = pos;
-        s.sub.subtype = bigEndianToU16(b + pos);
-        s.sub.enctype = bigEndianToU16(b + pos + 2);
-        s.sub.minver = bigEndianToU32(b + pos + 4);
-        s.sub.maxver = bigEndianToU32(b + pos + 8);
-        s.sub.offset = bigEndianToU32(b + pos + 12);
+        taze::decode_sub_header(b + pos, s.sub);
         pos += KORMSUB_SIZE;
         if (s.sub.offset > pos) {
-            if (s.sub.offset - pos > PATTERN_BUF_SIZE) {
+            if (s.sub.offset - pos > taze::kMaxFiller) {
                 l.subs.push_back(s);
                 l.problem = "the encryption header of " + which + " lies " + std::to_string(s.sub.offset - pos) +
                             " bytes past its header; the reader skips at most 3000";
@@ -198,9 +192,7 @@ Layout read_layout(const std::vector<unsigned char> &file)
             l.problem = "the file ends inside the encryption header of " + which;
             return l;
         }
-        s.enc.enclen = bigEndianToU32(b + pos);
-        s.enc.declen = bigEndianToU32(b + pos + 4);
-        std::memcpy(s.enc.digest, b + pos + 8, KORM_KEY_LEN);
+        taze::decode_enc_header(b + pos, s.enc);
         pos += ENCHEAD_SIZE;
         s.skipped = skip_reason(s);
         s.complete = pos + s.enc.enclen <= file.size();
