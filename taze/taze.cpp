@@ -168,99 +168,85 @@ int risk_info(const Pattern *sp, Fn fn, unsigned int *policy_id, unsigned int *s
     return call_lookup(fn, sp, keys..., policy_id, severity); /* null outputs: -1 */
 }
 
+/* ---- the image's list arrays -------------------------------------------- */
+
+/* The list array of the family of record List that `map_type` names
+ * (families.h), or of the record's first family (the exact one) when none
+ * does; its count goes to *count. */
+template <typename List>
+List *family_lists(const Pattern *p, int map_type, UINT32 *count)
+{
+    List *first = nullptr, *pick = nullptr;
+    UINT32 first_count = 0;
+    bool seen = false, found = false;
+    taze::each_family<Pattern>([&](auto f) {
+        using F = decltype(f);
+        if constexpr (std::is_same_v<typename F::record, List>) {
+            if (!seen) {
+                seen = true;
+                first = p->*F::lists;
+                first_count = p->*F::count;
+            }
+            if (!found && taze::map_type_of(F::row) == map_type) {
+                found = true;
+                pick = p->*F::lists;
+                *count = p->*F::count;
+            }
+        }
+    });
+    if (!found) {
+        pick = first;
+        *count = first_count;
+    }
+    return pick;
+}
+
 /* ---- string and range lists ---------------------------------------------- */
 
-enum ListRule : unsigned {
-    kBothKinds = 0u,
-    kMainKindOnly = 1u, /* the second kind is never searched (answers 0) */
-    kKeyRequired = 2u,  /* a null key is a parameter error, not a miss */
-};
+/* A null key is a parameter error, not a miss (IPv6 keys). */
+enum class KeyRule { Optional, Required };
 
-/* One list search: the first rule that applies decides. */
+/* One list search; the list array is the one family of the search's record. */
 template <typename List, typename Key>
-int search_list(TAZE *h, int idx, Key key, int ptntype, List *Pattern::*lists, UINT32 Pattern::*count,
-                int (*search)(Key, const List *), unsigned rule)
+int search_list(TAZE *h, int idx, Key key, int ptntype, int (*search)(Key, const List *),
+                KeyRule rule = KeyRule::Optional)
 {
     if (!h || !h->pTAZPattern) return PARA_ERR;
     if constexpr (std::is_pointer_v<Key>) {
-        if ((rule & kKeyRequired) && !key) return PARA_ERR;
+        if (rule == KeyRule::Required && !key) return PARA_ERR;
     }
     if (ptntype != PT_TAZ && ptntype != PT_ULM) return idx < 0 ? PARA_ERR : 0;
     const Pattern *sp = ptntype == PT_TAZ ? h->pTAZPattern->taz_ptn : h->pTAZPattern->ulm_ptn;
     if (!sp || idx < 0) return PARA_ERR;
-    if (ptntype == PT_ULM && (rule & kMainKindOnly)) return 0;
-    const List *all = sp->*lists;
-    if (static_cast<UINT32>(idx) >= sp->*count || !all) return 0;
+    UINT32 count = 0;
+    const List *all = family_lists<List>(sp, MT_STRING, &count);
+    if (static_cast<UINT32>(idx) >= count || !all) return 0;
     return taze::fast::list_search(sp, &all[idx], key, search); /* the list's index, else search */
 }
 
 /* ---- map lists ----------------------------------------------------------- */
 
-/* One map list array of a family and the map type that selects it. */
 template <typename List>
-struct MapArray {
-    int map_type;
-    List *Pattern::*lists;
-    UINT32 Pattern::*count;
-};
-
-/* Array `name_lists` with its count `max_name_list_count`. */
-#define TAZE_MAP_ARRAY(type, name) {type, &taz_pattern_st::name##_lists, &taz_pattern_st::max_##name##_list_count}
-
-/* The four one-sided map types; the exact array is also that of every map
- * type not listed, so it comes first. */
-#define TAZE_ONE_SIDED_ARRAYS(exact, prefix, suffix, substr)                                          \
-    TAZE_MAP_ARRAY(MT_STRING, exact), TAZE_MAP_ARRAY(MT_PREFIX, prefix), TAZE_MAP_ARRAY(MT_SUFFIX, suffix), \
-        TAZE_MAP_ARRAY(MT_SUBSTR, substr)
-/* String-to-string arrays are named after the key rule, then the value rule. */
-#define TAZE_KEY_RULE_ARRAYS(rule, key)                                                                      \
-    TAZE_MAP_ARRAY(rule << 8 | 0, key##_str_map), TAZE_MAP_ARRAY(rule << 8 | 1, key##_prefix_map),           \
-        TAZE_MAP_ARRAY(rule << 8 | 2, key##_suffix_map), TAZE_MAP_ARRAY(rule << 8 | 3, key##_substr_map)
-static_assert(MT_SUFFIX_PREFIX == (2 << 8 | 1) && MT_SUBSTR_STRING == (3 << 8 | 0), "key rule, then value rule");
-
-constexpr MapArray<simap_list_st> kStrIntArrays[] = {
-    TAZE_ONE_SIDED_ARRAYS(str_int_map, prefix_int_map, suffix_int_map, substr_int_map)};
-constexpr MapArray<sipv6map_list_st> kStrIPv6Arrays[] = {
-    TAZE_ONE_SIDED_ARRAYS(string_ipv6_map, prefix_ipv6_map, suffix_ipv6_map, substr_ipv6_map)};
-constexpr MapArray<ismap_list_st> kIntStrArrays[] = {
-    TAZE_ONE_SIDED_ARRAYS(int_str_map, int_prefix_map, int_suffix_map, int_substr_map)};
-/* The first row (exact keys and values) is also that of every other value. */
-constexpr MapArray<ssmap_list_st> kStrStrArrays[] = {TAZE_KEY_RULE_ARRAYS(0, str), TAZE_KEY_RULE_ARRAYS(1, prefix),
-                                                     TAZE_KEY_RULE_ARRAYS(2, suffix),
-                                                     TAZE_KEY_RULE_ARRAYS(3, substr)};
-constexpr MapArray<ipv6imap_list_st> kIPv6IntArrays[] = {TAZE_MAP_ARRAY(MT_STRING, ipv6_int_map)};
-constexpr MapArray<iimap_list_st> kIntIntArrays[] = {TAZE_MAP_ARRAY(MT_STRING, int_int_map)};
-#undef TAZE_KEY_RULE_ARRAYS
-#undef TAZE_ONE_SIDED_ARRAYS
-#undef TAZE_MAP_ARRAY
-
-template <typename List, std::size_t N>
-int select_map_list(Pattern *ptn, int map_type, int magic, const MapArray<List> (&arrays)[N], List **list)
+int select_map_list(Pattern *ptn, int map_type, int magic, List **list)
 {
     if (!ptn || !list) return PARA_ERR;
-    const MapArray<List> *pick = &arrays[0];
-    for (const MapArray<List> &a : arrays) {
-        if (a.map_type == map_type) {
-            pick = &a;
-            break;
-        }
-    }
-    List *all = ptn->*(pick->lists);
-    if (magic < 0 || static_cast<UINT32>(magic) >= ptn->*(pick->count) || !all) return PARA_ERR;
+    UINT32 count = 0;
+    List *all = family_lists<List>(ptn, map_type, &count);
+    if (magic < 0 || static_cast<UINT32>(magic) >= count || !all) return PARA_ERR;
     *list = &all[magic];
     return 0;
 }
 
 /* A map family: its list and entry records, the public record an entry is
  * copied into, the list selector and the two searches of taze_util.h. */
-template <typename L, typename E, typename R, E *L::*Entries, UINT32 L::*Count, auto Select, auto ByKey,
-          auto Search>
+template <typename L, typename R, auto Select, auto ByKey, auto Search>
 struct MapFamily {
     using List = L;
-    using Entry = E;
+    using Entry = typename taze::list_traits<L>::elem;
     using Result = R;
-    static constexpr E *L::*entries = Entries;
-    static constexpr UINT32 L::*count = Count;
+    using E = Entry;
+    static constexpr E *L::*entries = taze::list_traits<L>::items;
+    static constexpr UINT32 L::*count = taze::list_traits<L>::count;
     static constexpr auto select = Select;
     static constexpr auto by_key = ByKey;
     static constexpr auto search = Search;
@@ -270,23 +256,17 @@ struct MapFamily {
                   "a result record is filled by copying the entry's bytes");
 };
 
-using SIMap = MapFamily<simap_list_st, simap_st, TAZE_StringIntMap, &simap_list_st::str_int_maps,
-                        &simap_list_st::nr_str_int_maps, TAZE_PatternGetSIMapList, simap_list_search_by_key,
+using SIMap = MapFamily<simap_list_st, TAZE_StringIntMap, TAZE_PatternGetSIMapList, simap_list_search_by_key,
                         simap_list_search>;
-using SIPv6Map = MapFamily<sipv6map_list_st, sipv6map_st, TAZE_StringIPv6Map, &sipv6map_list_st::str_ipv6_maps,
-                           &sipv6map_list_st::nr_str_ipv6_maps, TAZE_PatternGetSIPv6MapList,
+using SIPv6Map = MapFamily<sipv6map_list_st, TAZE_StringIPv6Map, TAZE_PatternGetSIPv6MapList,
                            sipv6map_list_search_by_key, sipv6map_list_search>;
-using IPv6IMap = MapFamily<ipv6imap_list_st, ipv6imap_st, TAZE_IPv6IntMap, &ipv6imap_list_st::ipv6_int_maps,
-                           &ipv6imap_list_st::nr_ipv6_int_maps, TAZE_PatternGetIPv6IMapList,
+using IPv6IMap = MapFamily<ipv6imap_list_st, TAZE_IPv6IntMap, TAZE_PatternGetIPv6IMapList,
                            ipv6imap_list_search_by_key, ipv6imap_list_search>;
-using IIMap = MapFamily<iimap_list_st, iimap_st, TAZE_IntIntMap, &iimap_list_st::int_int_maps,
-                        &iimap_list_st::nr_int_int_maps, TAZE_PatternGetIIMapList, iimap_list_search_by_key,
+using IIMap = MapFamily<iimap_list_st, TAZE_IntIntMap, TAZE_PatternGetIIMapList, iimap_list_search_by_key,
                         iimap_list_search>;
-using ISMap = MapFamily<ismap_list_st, ismap_st, TAZE_IntStringMap, &ismap_list_st::int_str_maps,
-                        &ismap_list_st::nr_int_str_maps, TAZE_PatternGetISMapList, ismap_list_search_by_key,
+using ISMap = MapFamily<ismap_list_st, TAZE_IntStringMap, TAZE_PatternGetISMapList, ismap_list_search_by_key,
                         ismap_list_search>;
-using SSMap = MapFamily<ssmap_list_st, ssmap_st, TAZE_StringStringMap, &ssmap_list_st::str_str_maps,
-                        &ssmap_list_st::nr_str_str_maps, TAZE_PatternGetSSMapList, ssmap_list_search_by_key,
+using SSMap = MapFamily<ssmap_list_st, TAZE_StringStringMap, TAZE_PatternGetSSMapList, ssmap_list_search_by_key,
                         ssmap_list_search>;
 
 /* The families without strings take no map type; their functions pass this. */
@@ -468,13 +448,6 @@ void set_debug_mask(unsigned int mask) { debugLevel = mask; }
 #define TAZE_QUERIES(name, name_ex, shape, lookup, params, args) \
     TAZE_QUERY(name, shape, lookup, params, args)                 \
     TAZE_QUERY_EX(name_ex, shape, lookup, params, args)
-
-#define TAZE_STRING_LIST_SEARCH(name, lists, count, search, rule)                                       \
-    TAZE_API int name(TAZE *pTAZE, int idx, const char *string, int ptntype)                           \
-    {                                                                                                   \
-        return search_list(pTAZE, idx, as_bytes(string), ptntype, &taz_pattern_st::lists,               \
-                           &taz_pattern_st::count, search, rule);                                       \
-    }
 
 #define TAZE_MAP_SEARCH(name, family, key_type, value_type)                                              \
     TAZE_API int name(TAZE *pTAZE, int ptn_type, int map_type, int magic, key_type key, value_type value) \
@@ -779,49 +752,71 @@ TAZE_API int TAZE_GetThreatType(TAZE *pTAZE, unsigned int rule_id, unsigned int 
 
 /* ---- string and range lists ---------------------------------------------------- */
 
-TAZE_STRING_LIST_SEARCH(TAZE_PatternSearchStringList, string_lists, max_string_list_count, str_list_search,
-                        kBothKinds)
-TAZE_STRING_LIST_SEARCH(TAZE_PatternSearchPrefixList, string_prefix_lists, max_string_prefix_list_count,
-                        str_prefix_list_search, kBothKinds)
-TAZE_STRING_LIST_SEARCH(TAZE_PatternSearchSuffixList, string_suffix_lists, max_string_suffix_list_count,
-                        str_suffix_list_search, kBothKinds)
-TAZE_STRING_LIST_SEARCH(TAZE_PatternSearchSubstringList, string_substring_lists, max_string_substring_list_count,
-                        str_substring_list_search, kBothKinds)
-TAZE_STRING_LIST_SEARCH(TAZE_PatternSearchCaseList, string_case_lists, max_string_case_list_count,
-                        str_case_list_search, kBothKinds)
-/* The second kind is never searched case-sensitively by prefix, suffix or
- * substring: it answers 0 there. */
-TAZE_STRING_LIST_SEARCH(TAZE_PatternSearchPrefixCaseList, string_prefix_case_lists,
-                        max_string_prefix_case_list_count, str_prefix_case_list_search, kMainKindOnly)
-TAZE_STRING_LIST_SEARCH(TAZE_PatternSearchSuffixCaseList, string_suffix_case_lists,
-                        max_string_suffix_case_list_count, str_suffix_case_list_search, kMainKindOnly)
-TAZE_STRING_LIST_SEARCH(TAZE_PatternSearchSubstringCaseList, string_substr_case_lists,
-                        max_string_substr_case_list_count, str_substr_case_list_search, kMainKindOnly)
+TAZE_API int TAZE_PatternSearchStringList(TAZE *pTAZE, int idx, const char *string, int ptntype)
+{
+    return search_list(pTAZE, idx, as_bytes(string), ptntype, str_list_search);
+}
+
+TAZE_API int TAZE_PatternSearchPrefixList(TAZE *pTAZE, int idx, const char *string, int ptntype)
+{
+    return search_list(pTAZE, idx, as_bytes(string), ptntype, str_prefix_list_search);
+}
+
+TAZE_API int TAZE_PatternSearchSuffixList(TAZE *pTAZE, int idx, const char *string, int ptntype)
+{
+    return search_list(pTAZE, idx, as_bytes(string), ptntype, str_suffix_list_search);
+}
+
+TAZE_API int TAZE_PatternSearchSubstringList(TAZE *pTAZE, int idx, const char *string, int ptntype)
+{
+    return search_list(pTAZE, idx, as_bytes(string), ptntype, str_substring_list_search);
+}
+
+TAZE_API int TAZE_PatternSearchCaseList(TAZE *pTAZE, int idx, const char *string, int ptntype)
+{
+    return search_list(pTAZE, idx, as_bytes(string), ptntype, str_case_list_search);
+}
+
+/* The second kind has no case-sensitive prefix, suffix or substring lists:
+ * it answers 0 there. */
+TAZE_API int TAZE_PatternSearchPrefixCaseList(TAZE *pTAZE, int idx, const char *string, int ptntype)
+{
+    return search_list(pTAZE, idx, as_bytes(string), ptntype, str_prefix_case_list_search);
+}
+
+TAZE_API int TAZE_PatternSearchSuffixCaseList(TAZE *pTAZE, int idx, const char *string, int ptntype)
+{
+    return search_list(pTAZE, idx, as_bytes(string), ptntype, str_suffix_case_list_search);
+}
+
+TAZE_API int TAZE_PatternSearchSubstringCaseList(TAZE *pTAZE, int idx, const char *string, int ptntype)
+{
+    return search_list(pTAZE, idx, as_bytes(string), ptntype, str_substr_case_list_search);
+}
 
 TAZE_API int TAZE_PatternSearchIPRangeList(TAZE *pTAZE, int idx, unsigned int ip, int ptntype)
 {
-    return search_list(pTAZE, idx, ip, ptntype, &taz_pattern_st::ip_range_lists,
-                       &taz_pattern_st::max_ip_range_list_count, ip_rng_list_search, kBothKinds);
+    return search_list(pTAZE, idx, ip, ptntype, ip_rng_list_search);
 }
 
 TAZE_API int TAZE_PatternSearchIPv6RangeList(TAZE *pTAZE, int idx, const uint8_t *ipv6, int ptntype)
 {
-    return search_list(pTAZE, idx, ipv6, ptntype, &taz_pattern_st::ipv6_range_lists,
-                       &taz_pattern_st::max_ipv6_range_list_count, ipv6_rng_list_search, kKeyRequired);
+    return search_list(pTAZE, idx, ipv6, ptntype, ipv6_rng_list_search, KeyRule::Required);
 }
 
 TAZE_API int TAZE_PatternSearchPortRangeList(TAZE *pTAZE, int idx, unsigned short port, int ptntype)
 {
-    return search_list(pTAZE, idx, port, ptntype, &taz_pattern_st::port_range_lists,
-                       &taz_pattern_st::max_port_range_list_count, port_rng_list_search, kBothKinds);
+    return search_list(pTAZE, idx, port, ptntype, port_rng_list_search);
 }
 
 TAZE_API int TAZE_PatternGetStringList(TAZE *pTAZE, int idx, int ptntype, TAZE_StringList *list)
 {
     taz_pattern_st *sp = nullptr;
     if (!list || idx < 0 || TAZE_PatternGetByType(pTAZE, ptntype, &sp) != 0) return PARA_ERR;
-    if (static_cast<UINT32>(idx) >= sp->max_string_list_count || !sp->string_lists) return PARA_ERR;
-    const str_list_st &found = sp->string_lists[idx];
+    UINT32 count = 0;
+    const str_list_st *all = family_lists<str_list_st>(sp, MT_STRING, &count);
+    if (static_cast<UINT32>(idx) >= count || !all) return PARA_ERR;
+    const str_list_st &found = all[idx];
     list->nr_strings = found.nr_strings;
     list->strings = reinterpret_cast<TAZE_CountedString *>(found.strings);
     return 0;
@@ -831,33 +826,33 @@ TAZE_API int TAZE_PatternGetStringList(TAZE *pTAZE, int idx, int ptntype, TAZE_S
 
 int TAZE_PatternGetSIMapList(taz_pattern_st *ptn, int /*ptn_type*/, int map_type, int magic, simap_list_st **list)
 {
-    return select_map_list(ptn, map_type, magic, kStrIntArrays, list);
+    return select_map_list(ptn, map_type, magic, list);
 }
 
 int TAZE_PatternGetSIPv6MapList(taz_pattern_st *ptn, int /*ptn_type*/, int map_type, int magic,
                                 sipv6map_list_st **list)
 {
-    return select_map_list(ptn, map_type, magic, kStrIPv6Arrays, list);
+    return select_map_list(ptn, map_type, magic, list);
 }
 
 int TAZE_PatternGetISMapList(taz_pattern_st *ptn, int /*ptn_type*/, int map_type, int magic, ismap_list_st **list)
 {
-    return select_map_list(ptn, map_type, magic, kIntStrArrays, list);
+    return select_map_list(ptn, map_type, magic, list);
 }
 
 int TAZE_PatternGetSSMapList(taz_pattern_st *ptn, int /*ptn_type*/, int map_type, int magic, ssmap_list_st **list)
 {
-    return select_map_list(ptn, map_type, magic, kStrStrArrays, list);
+    return select_map_list(ptn, map_type, magic, list);
 }
 
 int TAZE_PatternGetIPv6IMapList(taz_pattern_st *ptn, int /*ptn_type*/, int magic, ipv6imap_list_st **list)
 {
-    return select_map_list(ptn, kNoMapType, magic, kIPv6IntArrays, list);
+    return select_map_list(ptn, kNoMapType, magic, list);
 }
 
 int TAZE_PatternGetIIMapList(taz_pattern_st *ptn, int /*ptn_type*/, int magic, iimap_list_st **list)
 {
-    return select_map_list(ptn, kNoMapType, magic, kIntIntArrays, list);
+    return select_map_list(ptn, kNoMapType, magic, list);
 }
 
 /* ---- maps -------------------------------------------------------------------------- */

@@ -681,7 +681,7 @@ Accel *index_ordered_ranges(const ipv6_rng_list_st &l, Budget &b)
 template <class List>
 IntKeys *index_int_keys(const List &l, Budget &b)
 {
-    using R = MapRecord<List>;
+    using R = list_traits<List>;
     return IntKeys::make(l.*R::items, l.*R::count, [](const auto &e, std::uint32_t i) {
         return KeyNode<std::uint32_t>{e.key, i};
     }, b);
@@ -1518,75 +1518,39 @@ struct ImageIndex {
     }
 };
 
+/* How a family's lists are searched (families.h): by the rule of their text
+ * keys (exact for the others), folded or not, and which map types select
+ * the rule. */
+constexpr Use use_of(const taze::FamilyRow &r)
+{
+    const bool text = taze::text_keyed(r.layout);
+    const Match match = text ? Match(unsigned(r.key_rule)) : Match::Exact;
+    const Selection sel = r.layout == taze::Layout::StrStr                                         ? Selection::Pair
+                          : r.layout == taze::Layout::StrInt || r.layout == taze::Layout::StrIpv6 ? Selection::OneSided
+                                                                                                    : Selection::Any;
+    return Use{match, text && r.case_rule == taze::Case::Fold, sel};
+}
+
 /* Walks every list family of an image: fn(list record, how it is searched). */
 template <class Fn>
 void each_list(Pattern *p, Fn &&fn)
 {
-    auto family = [&](auto lists, auto count, Use u) {
+    auto family = [&](auto lists, auto count, const Use &u) {
         auto *all = p->*lists;
         if (all != nullptr)
             for (UINT32 i = 0; i < p->*count; ++i) fn(all[i], u);
     };
-    constexpr Selection none = Selection::Any, one = Selection::OneSided, pair = Selection::Pair;
-    constexpr Match X = Match::Exact, P = Match::Prefix, S = Match::Suffix, U = Match::Substr;
-    family(&Pattern::string_lists, &Pattern::max_string_list_count, Use{X, true, none});
-    family(&Pattern::string_prefix_lists, &Pattern::max_string_prefix_list_count, Use{P, true, none});
-    family(&Pattern::string_suffix_lists, &Pattern::max_string_suffix_list_count, Use{S, true, none});
-    family(&Pattern::string_substring_lists, &Pattern::max_string_substring_list_count, Use{U, true, none});
-    family(&Pattern::string_case_lists, &Pattern::max_string_case_list_count, Use{X, false, none});
-    family(&Pattern::string_prefix_case_lists, &Pattern::max_string_prefix_case_list_count, Use{P, false, none});
-    family(&Pattern::string_suffix_case_lists, &Pattern::max_string_suffix_case_list_count, Use{S, false, none});
-    family(&Pattern::string_substr_case_lists, &Pattern::max_string_substr_case_list_count, Use{U, false, none});
-    family(&Pattern::ip_range_lists, &Pattern::max_ip_range_list_count, Use{X, false, none});
-    family(&Pattern::ipv6_range_lists, &Pattern::max_ipv6_range_list_count, Use{X, false, none});
-    family(&Pattern::port_range_lists, &Pattern::max_port_range_list_count, Use{X, false, none});
-    family(&Pattern::str_int_map_lists, &Pattern::max_str_int_map_list_count, Use{X, true, one});
-    family(&Pattern::prefix_int_map_lists, &Pattern::max_prefix_int_map_list_count, Use{P, true, one});
-    family(&Pattern::suffix_int_map_lists, &Pattern::max_suffix_int_map_list_count, Use{S, true, one});
-    family(&Pattern::substr_int_map_lists, &Pattern::max_substr_int_map_list_count, Use{U, true, one});
-    family(&Pattern::int_int_map_lists, &Pattern::max_int_int_map_list_count, Use{X, false, none});
-    family(&Pattern::int_str_map_lists, &Pattern::max_int_str_map_list_count, Use{X, false, none});
-    family(&Pattern::int_prefix_map_lists, &Pattern::max_int_prefix_map_list_count, Use{X, false, none});
-    family(&Pattern::int_suffix_map_lists, &Pattern::max_int_suffix_map_list_count, Use{X, false, none});
-    family(&Pattern::int_substr_map_lists, &Pattern::max_int_substr_map_list_count, Use{X, false, none});
-    family(&Pattern::str_str_map_lists, &Pattern::max_str_str_map_list_count, Use{X, true, pair});
-    family(&Pattern::str_prefix_map_lists, &Pattern::max_str_prefix_map_list_count, Use{X, true, pair});
-    family(&Pattern::str_suffix_map_lists, &Pattern::max_str_suffix_map_list_count, Use{X, true, pair});
-    family(&Pattern::str_substr_map_lists, &Pattern::max_str_substr_map_list_count, Use{X, true, pair});
-    family(&Pattern::prefix_str_map_lists, &Pattern::max_prefix_str_map_list_count, Use{P, true, pair});
-    family(&Pattern::prefix_prefix_map_lists, &Pattern::max_prefix_prefix_map_list_count, Use{P, true, pair});
-    family(&Pattern::prefix_suffix_map_lists, &Pattern::max_prefix_suffix_map_list_count, Use{P, true, pair});
-    family(&Pattern::prefix_substr_map_lists, &Pattern::max_prefix_substr_map_list_count, Use{P, true, pair});
-    family(&Pattern::suffix_str_map_lists, &Pattern::max_suffix_str_map_list_count, Use{S, true, pair});
-    family(&Pattern::suffix_prefix_map_lists, &Pattern::max_suffix_prefix_map_list_count, Use{S, true, pair});
-    family(&Pattern::suffix_suffix_map_lists, &Pattern::max_suffix_suffix_map_list_count, Use{S, true, pair});
-    family(&Pattern::suffix_substr_map_lists, &Pattern::max_suffix_substr_map_list_count, Use{S, true, pair});
-    family(&Pattern::substr_str_map_lists, &Pattern::max_substr_str_map_list_count, Use{U, true, pair});
-    family(&Pattern::substr_prefix_map_lists, &Pattern::max_substr_prefix_map_list_count, Use{U, true, pair});
-    family(&Pattern::substr_suffix_map_lists, &Pattern::max_substr_suffix_map_list_count, Use{U, true, pair});
-    family(&Pattern::substr_substr_map_lists, &Pattern::max_substr_substr_map_list_count, Use{U, true, pair});
-    family(&Pattern::string_ipv6_map_lists, &Pattern::max_string_ipv6_map_list_count, Use{X, true, one});
-    family(&Pattern::prefix_ipv6_map_lists, &Pattern::max_prefix_ipv6_map_list_count, Use{P, true, one});
-    family(&Pattern::suffix_ipv6_map_lists, &Pattern::max_suffix_ipv6_map_list_count, Use{S, true, one});
-    family(&Pattern::substr_ipv6_map_lists, &Pattern::max_substr_ipv6_map_list_count, Use{U, true, one});
-    family(&Pattern::ipv6_int_map_lists, &Pattern::max_ipv6_int_map_list_count, Use{X, false, none});
+    taze::each_family<Pattern>([&](auto f) {
+        using F = decltype(f);
+        family(F::lists, F::count, use_of(F::row));
+    });
 }
 
 /* Entries of a list record. */
-std::uint32_t entries_of(const ip_rng_list_st &l) { return l.ip_ranges ? l.nr_ip_ranges : 0; }
-std::uint32_t entries_of(const ipv6_rng_list_st &l) { return l.ipv6_ranges ? l.nr_ipv6_ranges : 0; }
-std::uint32_t entries_of(const port_rng_list_st &l) { return l.port_ranges ? l.nr_port_ranges : 0; }
-template <class List>
-constexpr bool kMapList = std::is_same_v<List, simap_list_st> || std::is_same_v<List, sipv6map_list_st> ||
-                          std::is_same_v<List, ipv6imap_list_st> || std::is_same_v<List, iimap_list_st> ||
-                          std::is_same_v<List, ismap_list_st> || std::is_same_v<List, ssmap_list_st>;
 template <class List>
 std::uint32_t entries_of(const List &l)
 {
-    if constexpr (kMapList<List>)
-        return l.*MapRecord<List>::items ? l.*MapRecord<List>::count : 0;
-    else
-        return l.strings ? l.nr_strings : 0;
+    return taze::entry_count(l);
 }
 
 template <class List>
@@ -1655,12 +1619,8 @@ Accel *index_list(const List &l, const Use &u, const Options &o, const Payload &
     } else if constexpr (std::is_same_v<List, ipv6imap_list_st>) {
         if (r != Round::Trees) return nullptr;
         return fixed(l, o, b, [](const List &x, Budget &bb) { return index_ipv6_keys(x, bb); });
-    } else if constexpr (std::is_same_v<List, simap_list_st> || std::is_same_v<List, sipv6map_list_st> ||
-                         std::is_same_v<List, ssmap_list_st>) {
-        using R = MapRecord<List>;
-        return index_texts(texts_of(l.*R::items, l.*R::count), u, o, pl, b, r);
     } else {
-        return index_texts(texts_of(l.strings, l.nr_strings), u, o, pl, b, r);
+        return index_texts(texts_of(taze::entry_items(l), taze::entry_count(l)), u, o, pl, b, r);
     }
 }
 

@@ -13,6 +13,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <type_traits>
+#include <utility>
 
 #include <sys/mman.h>
 #include <unistd.h>
@@ -194,55 +195,33 @@ using StrStrEntry =
     MapEntry<ssmap_st, counted_string_t, &ssmap_st::string, counted_string_t, &ssmap_st::nr_strings, &ssmap_st::strs>;
 
 /* ---- List record layouts ---------------------------------------------------- */
-template <typename T>
-struct member_of;
-template <typename C, typename M>
-struct member_of<M C::*> {
-    using owner = C;
-    using type = M;
-};
 
-/* A list record: its entry count, its entry array, the entry kind and the
- * loader's precondition. */
-template <auto Count, auto Array, typename Kind, Pre P>
-struct Layout : Kind {
-    using record = typename member_of<decltype(Count)>::owner;
-    static_assert(std::is_same_v<typename member_of<decltype(Array)>::type, typename Kind::elem *>);
-    static constexpr Pre pre = P;
-    static UINT32 &count(record &r) { return r.*Count; }
-    static typename Kind::elem *&array(record &r) { return r.*Array; }
-};
+/* How the loader reads one entry of each layout, and which precondition text
+ * its assertion shows. */
+template <taze::Layout>
+struct entry_kind;
+template <> struct entry_kind<taze::Layout::Strings> { using type = ListString; static constexpr Pre pre = Pre::ByImage; };
+template <> struct entry_kind<taze::Layout::Ip> { using type = IpRange; static constexpr Pre pre = Pre::ByImage; };
+template <> struct entry_kind<taze::Layout::Ipv6> { using type = Ipv6Range; static constexpr Pre pre = Pre::ByImageV6; };
+template <> struct entry_kind<taze::Layout::Port> { using type = PortRange; static constexpr Pre pre = Pre::ByImage; };
+template <> struct entry_kind<taze::Layout::StrInt> { using type = StrIntEntry; static constexpr Pre pre = Pre::ByList; };
+template <> struct entry_kind<taze::Layout::StrIpv6> { using type = StrIpv6Entry; static constexpr Pre pre = Pre::ByListV6; };
+template <> struct entry_kind<taze::Layout::IntInt> { using type = IntIntEntry; static constexpr Pre pre = Pre::ByImage; };
+template <> struct entry_kind<taze::Layout::Ipv6Int> { using type = Ipv6IntEntry; static constexpr Pre pre = Pre::ByImageV6; };
+template <> struct entry_kind<taze::Layout::IntStr> { using type = IntStrEntry; static constexpr Pre pre = Pre::ByList; };
+template <> struct entry_kind<taze::Layout::StrStr> { using type = StrStrEntry; static constexpr Pre pre = Pre::ByList; };
 
-/* The eight string list records share one layout; the others are listed. */
+/* A list record: its traits (families.h), its entry kind and precondition. */
 template <typename Rec>
-struct layout_of : Layout<&Rec::nr_strings, &Rec::strings, ListString, Pre::ByImage> {};
-template <>
-struct layout_of<ip_rng_list_st>
-    : Layout<&ip_rng_list_st::nr_ip_ranges, &ip_rng_list_st::ip_ranges, IpRange, Pre::ByImage> {};
-template <>
-struct layout_of<ipv6_rng_list_st>
-    : Layout<&ipv6_rng_list_st::nr_ipv6_ranges, &ipv6_rng_list_st::ipv6_ranges, Ipv6Range, Pre::ByImageV6> {};
-template <>
-struct layout_of<port_rng_list_st>
-    : Layout<&port_rng_list_st::nr_port_ranges, &port_rng_list_st::port_ranges, PortRange, Pre::ByImage> {};
-template <>
-struct layout_of<simap_list_st>
-    : Layout<&simap_list_st::nr_str_int_maps, &simap_list_st::str_int_maps, StrIntEntry, Pre::ByList> {};
-template <>
-struct layout_of<sipv6map_list_st>
-    : Layout<&sipv6map_list_st::nr_str_ipv6_maps, &sipv6map_list_st::str_ipv6_maps, StrIpv6Entry, Pre::ByListV6> {};
-template <>
-struct layout_of<iimap_list_st>
-    : Layout<&iimap_list_st::nr_int_int_maps, &iimap_list_st::int_int_maps, IntIntEntry, Pre::ByImage> {};
-template <>
-struct layout_of<ipv6imap_list_st>
-    : Layout<&ipv6imap_list_st::nr_ipv6_int_maps, &ipv6imap_list_st::ipv6_int_maps, Ipv6IntEntry, Pre::ByImageV6> {};
-template <>
-struct layout_of<ismap_list_st>
-    : Layout<&ismap_list_st::nr_int_str_maps, &ismap_list_st::int_str_maps, IntStrEntry, Pre::ByList> {};
-template <>
-struct layout_of<ssmap_list_st>
-    : Layout<&ssmap_list_st::nr_str_str_maps, &ssmap_list_st::str_str_maps, StrStrEntry, Pre::ByList> {};
+struct layout_of : entry_kind<taze::list_traits<Rec>::layout>::type {
+    using T = taze::list_traits<Rec>;
+    using Kind = typename entry_kind<T::layout>::type;
+    using record = Rec;
+    static_assert(std::is_same_v<typename T::elem, typename Kind::elem>, "the entry kind reads the record's entries");
+    static constexpr Pre pre = entry_kind<T::layout>::pre;
+    static UINT32 &count(record &r) { return r.*T::count; }
+    static typename Kind::elem *&array(record &r) { return r.*T::items; }
+};
 
 /* ---- The list walk shared by every family ----------------------------------- */
 
@@ -352,7 +331,7 @@ void release_limit(Rec *recs, INT32 limit)
 }
 
 /* ---- Section kinds ------------------------------------------------------------ */
-enum : unsigned { kMain = 1u, kSecond = 2u, kBoth = kMain | kSecond };
+constexpr unsigned kMain = taze::Main, kSecond = taze::Second, kBoth = taze::Both;
 
 /* State of one section walk. */
 struct Walk {
@@ -373,7 +352,7 @@ struct SectionKind {
 /* A list, range or map family held in the image as (list array, list count). */
 template <auto Lists, auto Count>
 struct Family {
-    using Rec = std::remove_pointer_t<typename member_of<decltype(Lists)>::type>;
+    using Rec = std::remove_pointer_t<std::remove_reference_t<decltype(std::declval<Image &>().*Lists)>>;
     using L = layout_of<Rec>;
 
     static void release(Image *ptn)
@@ -426,76 +405,10 @@ constexpr SectionKind info(UINT32 magic, unsigned kinds, SectionRelease release)
  * alone carries the "ULM\0" section; everything else is shared. Unknown
  * magics, "CMPR" at section level among them, are skipped. */
 constexpr SectionKind kSections[] = {
-    lists<&Image::string_lists, &Image::max_string_list_count>(MAGIC_TAZE_PATTERN_STR, kBoth),
-    lists<&Image::string_prefix_lists, &Image::max_string_prefix_list_count>(MAGIC_TAZE_PATTERN_STR_PREFIX, kBoth),
-    lists<&Image::string_suffix_lists, &Image::max_string_suffix_list_count>(MAGIC_TAZE_PATTERN_STR_SUFFIX, kBoth),
-    lists<&Image::string_substring_lists, &Image::max_string_substring_list_count>(
-        MAGIC_TAZE_PATTERN_STR_SUBSTR, kBoth),
-    lists<&Image::string_case_lists, &Image::max_string_case_list_count>(MAGIC_TAZE_PATTERN_STR_CASE, kBoth),
-    lists<&Image::string_prefix_case_lists, &Image::max_string_prefix_case_list_count>(
-        MAGIC_TAZE_PATTERN_STR_PREFIX_CASE, kMain),
-    lists<&Image::string_suffix_case_lists, &Image::max_string_suffix_case_list_count>(
-        MAGIC_TAZE_PATTERN_STR_SUFFIX_CASE, kMain),
-    lists<&Image::string_substr_case_lists, &Image::max_string_substr_case_list_count>(
-        MAGIC_TAZE_PATTERN_STR_SUBSTR_CASE, kMain),
-    lists<&Image::ip_range_lists, &Image::max_ip_range_list_count>(MAGIC_TAZE_PATTERN_IP, kBoth),
-    lists<&Image::ipv6_range_lists, &Image::max_ipv6_range_list_count>(MAGIC_TAZE_PATTERN_IPV6, kBoth),
-    lists<&Image::port_range_lists, &Image::max_port_range_list_count>(MAGIC_TAZE_PATTERN_PORT, kBoth),
-    lists<&Image::str_int_map_lists, &Image::max_str_int_map_list_count>(MAGIC_TAZE_PATTERN_STR_INT_MAP, kBoth),
-    lists<&Image::prefix_int_map_lists, &Image::max_prefix_int_map_list_count>(
-        MAGIC_TAZE_PATTERN_PREFIX_INT_MAP, kBoth),
-    lists<&Image::suffix_int_map_lists, &Image::max_suffix_int_map_list_count>(
-        MAGIC_TAZE_PATTERN_SUFFIX_INT_MAP, kBoth),
-    lists<&Image::substr_int_map_lists, &Image::max_substr_int_map_list_count>(
-        MAGIC_TAZE_PATTERN_SUBSTR_INT_MAP, kBoth),
-    lists<&Image::int_int_map_lists, &Image::max_int_int_map_list_count>(MAGIC_TAZE_PATTERN_INT_INT_MAP, kBoth),
-    lists<&Image::int_str_map_lists, &Image::max_int_str_map_list_count>(MAGIC_TAZE_PATTERN_INT_STR_MAP, kBoth),
-    lists<&Image::int_prefix_map_lists, &Image::max_int_prefix_map_list_count>(
-        MAGIC_TAZE_PATTERN_INT_PREFIX_MAP, kBoth),
-    lists<&Image::int_suffix_map_lists, &Image::max_int_suffix_map_list_count>(
-        MAGIC_TAZE_PATTERN_INT_SUFFIX_MAP, kBoth),
-    lists<&Image::int_substr_map_lists, &Image::max_int_substr_map_list_count>(
-        MAGIC_TAZE_PATTERN_INT_SUBSTR_MAP, kBoth),
-    lists<&Image::str_str_map_lists, &Image::max_str_str_map_list_count>(MAGIC_TAZE_PATTERN_STR_STR_MAP, kBoth),
-    lists<&Image::str_prefix_map_lists, &Image::max_str_prefix_map_list_count>(
-        MAGIC_TAZE_PATTERN_STR_PREFIX_MAP, kBoth),
-    lists<&Image::str_suffix_map_lists, &Image::max_str_suffix_map_list_count>(
-        MAGIC_TAZE_PATTERN_STR_SUFFIX_MAP, kBoth),
-    lists<&Image::str_substr_map_lists, &Image::max_str_substr_map_list_count>(
-        MAGIC_TAZE_PATTERN_STR_SUBSTR_MAP, kBoth),
-    lists<&Image::prefix_str_map_lists, &Image::max_prefix_str_map_list_count>(
-        MAGIC_TAZE_PATTERN_PREFIX_STR_MAP, kBoth),
-    lists<&Image::prefix_prefix_map_lists, &Image::max_prefix_prefix_map_list_count>(
-        MAGIC_TAZE_PATTERN_PREFIX_PREFIX_MAP, kBoth),
-    lists<&Image::prefix_suffix_map_lists, &Image::max_prefix_suffix_map_list_count>(
-        MAGIC_TAZE_PATTERN_PREFIX_SUFFIX_MAP, kBoth),
-    lists<&Image::prefix_substr_map_lists, &Image::max_prefix_substr_map_list_count>(
-        MAGIC_TAZE_PATTERN_PREFIX_SUBSTR_MAP, kBoth),
-    lists<&Image::suffix_str_map_lists, &Image::max_suffix_str_map_list_count>(
-        MAGIC_TAZE_PATTERN_SUFFIX_STR_MAP, kBoth),
-    lists<&Image::suffix_prefix_map_lists, &Image::max_suffix_prefix_map_list_count>(
-        MAGIC_TAZE_PATTERN_SUFFIX_PREFIX_MAP, kBoth),
-    lists<&Image::suffix_suffix_map_lists, &Image::max_suffix_suffix_map_list_count>(
-        MAGIC_TAZE_PATTERN_SUFFIX_SUFFIX_MAP, kBoth),
-    lists<&Image::suffix_substr_map_lists, &Image::max_suffix_substr_map_list_count>(
-        MAGIC_TAZE_PATTERN_SUFFIX_SUBSTR_MAP, kBoth),
-    lists<&Image::substr_str_map_lists, &Image::max_substr_str_map_list_count>(
-        MAGIC_TAZE_PATTERN_SUBSTR_STR_MAP, kBoth),
-    lists<&Image::substr_prefix_map_lists, &Image::max_substr_prefix_map_list_count>(
-        MAGIC_TAZE_PATTERN_SUBSTR_PREFIX_MAP, kBoth),
-    lists<&Image::substr_suffix_map_lists, &Image::max_substr_suffix_map_list_count>(
-        MAGIC_TAZE_PATTERN_SUBSTR_SUFFIX_MAP, kBoth),
-    lists<&Image::substr_substr_map_lists, &Image::max_substr_substr_map_list_count>(
-        MAGIC_TAZE_PATTERN_SUBSTR_SUBSTR_MAP, kBoth),
-    lists<&Image::string_ipv6_map_lists, &Image::max_string_ipv6_map_list_count>(
-        MAGIC_TAZE_PATTERN_STR_IPV6_MAP, kBoth),
-    lists<&Image::prefix_ipv6_map_lists, &Image::max_prefix_ipv6_map_list_count>(
-        MAGIC_TAZE_PATTERN_PREFIX_IPV6_MAP, kBoth),
-    lists<&Image::suffix_ipv6_map_lists, &Image::max_suffix_ipv6_map_list_count>(
-        MAGIC_TAZE_PATTERN_SUFFIX_IPV6_MAP, kBoth),
-    lists<&Image::substr_ipv6_map_lists, &Image::max_substr_ipv6_map_list_count>(
-        MAGIC_TAZE_PATTERN_SUBSTR_IPV6_MAP, kBoth),
-    lists<&Image::ipv6_int_map_lists, &Image::max_ipv6_int_map_list_count>(MAGIC_TAZE_PATTERN_IPV6_INT_MAP, kBoth),
+#define TAZ_SECTION_ROW(field, count, record, magic, key, value, cs, kinds) \
+    lists<&Image::field, &Image::count>(magic, taze::Kinds::kinds),
+    TAZ_FAMILIES(TAZ_SECTION_ROW)
+#undef TAZ_SECTION_ROW
     info<taz_load_rule_info_ptns>(MAGIC_TAZE_PATTERN_RULE_INFO, kBoth, taz_unload_rule_info_ptns),
     info<taz_load_clean_info_ptns>(MAGIC_TAZE_PATTERN_CLEAN_INFO, kBoth, taz_unload_clean_info_ptns),
     info<taz_load_ptn_info_ptns>(MAGIC_TAZE_PATTERN_PATTERN_INFO, kBoth, nullptr),

@@ -236,12 +236,11 @@ Entries<E> entries(const E *items, UINT32 count)
 {
     return {items, items ? count : 0};
 }
-Entries<simap_st> entries(const simap_list_st &l) { return entries(l.str_int_maps, l.nr_str_int_maps); }
-Entries<sipv6map_st> entries(const sipv6map_list_st &l) { return entries(l.str_ipv6_maps, l.nr_str_ipv6_maps); }
-Entries<ipv6imap_st> entries(const ipv6imap_list_st &l) { return entries(l.ipv6_int_maps, l.nr_ipv6_int_maps); }
-Entries<iimap_st> entries(const iimap_list_st &l) { return entries(l.int_int_maps, l.nr_int_int_maps); }
-Entries<ismap_st> entries(const ismap_list_st &l) { return entries(l.int_str_maps, l.nr_int_str_maps); }
-Entries<ssmap_st> entries(const ssmap_list_st &l) { return entries(l.str_str_maps, l.nr_str_str_maps); }
+template <class List, class = decltype(taze::list_traits<List>::items)>
+Entries<typename taze::list_traits<List>::elem> entries(const List &l)
+{
+    return entries(taze::entry_items(l), l.*taze::list_traits<List>::count);
+}
 Entries<taz_rule_info_st> entries(const taz_rule_info_list_st &l) { return entries(l.rule_infos, l.nr_rule_infos); }
 
 template <class E, class Key>
@@ -307,7 +306,7 @@ template <class Method, class List>
 int string_list_search(const unsigned char *s, const List *list)
 {
     if (!s || !list) return 0;
-    return Method::hit(counted(s), entries(list->strings, list->nr_strings)) ? 1 : 0;
+    return Method::hit(counted(s), entries(*list)) ? 1 : 0;
 }
 
 template <class E>
@@ -454,16 +453,16 @@ TAZ_STRING_LIST_SEARCH(str_substr_case_list, Scanned<str_str>)
 
 int ip_rng_list_search(unsigned int ip, const ip_rng_list_st *list)
 {
-    return list && bisect_entries(ip, entries(list->ip_ranges, list->nr_ip_ranges), ip_rng_compare_single);
+    return list && bisect_entries(ip, entries(*list), ip_rng_compare_single);
 }
 int ipv6_rng_list_search(const unsigned char *ipv6, const ipv6_rng_list_st *list)
 {
     return ipv6 && list &&
-           bisect_entries(ipv6, entries(list->ipv6_ranges, list->nr_ipv6_ranges), ipv6_rng_compare_single);
+           bisect_entries(ipv6, entries(*list), ipv6_rng_compare_single);
 }
 int port_rng_list_search(unsigned short port, const port_rng_list_st *list)
 {
-    return list && bisect_entries(port, entries(list->port_ranges, list->nr_port_ranges), port_rng_compare_single);
+    return list && bisect_entries(port, entries(*list), port_rng_compare_single);
 }
 
 // ---- Maps -------------------------------------------------------------------------
