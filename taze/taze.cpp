@@ -52,17 +52,7 @@ const Pattern *current_pattern(const TAZE *h)
 /* The Ex queries use the kind that ptn_type names. */
 const Pattern *pattern_of_kind(TAZE *h, unsigned int ptn_type)
 {
-    return _TAZE_GetPatternByPatternType(h, ptn_type);
-}
-
-/* The lookups take the pattern either first or last; call one either way. */
-template <typename Fn, typename... A>
-auto call_lookup(Fn fn, const Pattern *sp, A... a)
-{
-    if constexpr (std::is_invocable_v<Fn, const Pattern *, A...>)
-        return fn(sp, a...);
-    else
-        return fn(a..., sp);
+    return TAZE_GetPatternByPatternType(h, ptn_type);
 }
 
 /* ---- query shapes --------------------------------------------------------
@@ -76,7 +66,7 @@ template <typename Fn, typename... K>
 int number(const Pattern *sp, Fn fn, unsigned int *out, K... keys)
 {
     if (!sp || !out) return PARA_ERR;
-    *out = call_lookup(fn, sp, keys...);
+    *out = fn(sp, keys...);
     return 0;
 }
 
@@ -102,7 +92,7 @@ template <Absent absent, typename Fn, typename... K>
 int text(const Pattern *sp, Fn fn, char **out, K... keys)
 {
     if (!sp || !out || *out) return PARA_ERR;
-    const unsigned char *found = call_lookup(fn, sp, keys...);
+    const unsigned char *found = fn(sp, keys...);
     if (!found) {
         if constexpr (absent == Absent::Refused)
             return PARA_ERR;
@@ -118,7 +108,7 @@ template <typename Fn, typename... K>
 int clean_check(const Pattern *sp, Fn fn, unsigned int *target, K... keys)
 {
     if (!sp || !target) return PARA_ERR;
-    const int r = call_lookup(fn, sp, keys..., target);
+    const int r = fn(sp, keys..., target);
     return r < 0 ? PARA_ERR : r;
 }
 
@@ -142,7 +132,7 @@ int clean_data(const Pattern *sp, Fn fn, unsigned int *priority, char **src_ptn,
     UINT32 prio = 0;
     const unsigned char *src = nullptr;
     const unsigned char *dst = nullptr;
-    if (call_lookup(fn, sp, keys..., priority ? &prio : nullptr, src_ptn ? &src : nullptr,
+    if (fn(sp, keys..., priority ? &prio : nullptr, src_ptn ? &src : nullptr,
                     dst_ptn ? &dst : nullptr) != 0)
         return UNKNOWN_ERR;
     if (!priority || !src_ptn || !dst_ptn) return 0; /* unknown rule: nothing to hand out */
@@ -165,7 +155,7 @@ template <typename Fn, typename... K>
 int risk_info(const Pattern *sp, Fn fn, unsigned int *policy_id, unsigned int *severity, K... keys)
 {
     if (!sp) return PARA_ERR;
-    return call_lookup(fn, sp, keys..., policy_id, severity); /* null outputs: -1 */
+    return fn(sp, keys..., policy_id, severity); /* null outputs: -1 */
 }
 
 /* ---- the image's list arrays -------------------------------------------- */
@@ -430,46 +420,6 @@ void set_debug_mask(unsigned int mask) { debugLevel = mask; }
 
 } // namespace
 
-/* Definitions of exported queries. `params` are the parameters after the
- * handle (or after the handle and ptn_type), `args` what the shape takes after
- * the pattern and the lookup: the outputs, then the keys. */
-#define TAZE_UNPAREN(...) __VA_ARGS__
-#define TAZE_QUERY(name, shape, lookup, params, args)                          \
-    TAZE_API int name(TAZE *pTAZE, TAZE_UNPAREN params)                         \
-    {                                                                          \
-        return shape(current_pattern(pTAZE), lookup, TAZE_UNPAREN args);       \
-    }
-#define TAZE_QUERY_EX(name, shape, lookup, params, args)                                \
-    TAZE_API int name(TAZE *pTAZE, unsigned int ptn_type, TAZE_UNPAREN params)         \
-    {                                                                                   \
-        return shape(pattern_of_kind(pTAZE, ptn_type), lookup, TAZE_UNPAREN args);      \
-    }
-/* A plain query on the current pattern and its Ex form. */
-#define TAZE_QUERIES(name, name_ex, shape, lookup, params, args) \
-    TAZE_QUERY(name, shape, lookup, params, args)                 \
-    TAZE_QUERY_EX(name_ex, shape, lookup, params, args)
-
-#define TAZE_MAP_SEARCH(name, family, key_type, value_type)                                              \
-    TAZE_API int name(TAZE *pTAZE, int ptn_type, int map_type, int magic, key_type key, value_type value) \
-    {                                                                                                    \
-        return map_search<family>(pTAZE, ptn_type, map_type, magic, key, value);                         \
-    }
-#define TAZE_MAP_BY_KEY(name, family, key_type)                                                              \
-    TAZE_API int name(TAZE *pTAZE, int ptn_type, int map_type, int magic, key_type key, family::Result *result) \
-    {                                                                                                        \
-        return map_by_key<family>(pTAZE, ptn_type, map_type, magic, key, result);                            \
-    }
-#define TAZE_MAP_COUNT(name, family)                                   \
-    TAZE_API int name(TAZE *pTAZE, int ptn_type, int map_type, int magic) \
-    {                                                                  \
-        return map_count<family>(pTAZE, ptn_type, map_type, magic);    \
-    }
-#define TAZE_MAP_BY_INDEX(name, family)                                                                  \
-    TAZE_API int name(TAZE *pTAZE, int ptn_type, int map_type, int magic, int index, family::Result *result) \
-    {                                                                                                    \
-        return map_by_index<family>(pTAZE, ptn_type, map_type, magic, index, result);                    \
-    }
-
 extern "C" {
 
 /* ---- handle and debug output --------------------------------------------- */
@@ -505,7 +455,7 @@ TAZE_API void TAZE_disableDebug(TAZE *) { set_debug_mask(0u); }
 
 /* ---- choosing the pattern kind ------------------------------------------- */
 
-taz_pattern_st *_TAZE_GetPatternByPatternType(TAZE *pTAZE, unsigned int ptn_type)
+taz_pattern_st *TAZE_GetPatternByPatternType(TAZE *pTAZE, unsigned int ptn_type)
 {
     if (!pTAZE || !pTAZE->pTAZPattern) return nullptr;
     if (ptn_type == PT_TAZ) return pTAZE->pTAZPattern->taz_ptn;
@@ -516,7 +466,7 @@ taz_pattern_st *_TAZE_GetPatternByPatternType(TAZE *pTAZE, unsigned int ptn_type
 int TAZE_PatternGetByType(TAZE *pTAZE, int ptn_type, taz_pattern_st **ptn)
 {
     if (!ptn || (ptn_type != PT_TAZ && ptn_type != PT_ULM)) return PARA_ERR;
-    taz_pattern_st *sp = _TAZE_GetPatternByPatternType(pTAZE, static_cast<unsigned int>(ptn_type));
+    taz_pattern_st *sp = TAZE_GetPatternByPatternType(pTAZE, static_cast<unsigned int>(ptn_type));
     if (!sp) return PARA_ERR;
     *ptn = sp;
     return 0;
@@ -644,26 +594,106 @@ TAZE_API int TAZE_GetRawPatternByType(TAZE *pTAZE, unsigned int raw_ptn_type, co
 
 /* ---- rules ----------------------------------------------------------------- */
 
-TAZE_QUERIES(TAZE_GetRuleIndexDesc, TAZE_GetRuleIndexDescEx, text<Absent::Refused>, taz_rule_index_desc,
-             (unsigned int idx, char **desc), (desc, idx))
-TAZE_QUERIES(TAZE_GetRuleIndexRisk, TAZE_GetRuleIndexRiskEx, text<Absent::Refused>, taz_rule_index_risk_type,
-             (unsigned int idx, char **risk), (risk, idx))
-TAZE_QUERIES(TAZE_GetRuleIndexRiskGroup, TAZE_GetRuleIndexRiskGroupEx, number, taz_rule_index_risk_type_group,
-             (unsigned int idx, unsigned int *risk_group), (risk_group, idx))
-TAZE_QUERIES(TAZE_GetRuleIndexCL, TAZE_GetRuleIndexCLEx, number, taz_rule_index_confidence_level,
-             (unsigned int idx, unsigned int *cl), (cl, idx))
-TAZE_QUERIES(TAZE_GetRuleIndexEnable, TAZE_GetRuleIndexEnableEx, number, taz_rule_index_enable,
-             (unsigned int idx, unsigned int *enable), (enable, idx))
-TAZE_QUERIES(TAZE_GetRuleIndexRuleID, TAZE_GetRuleIndexRuleIDEx, number, taz_rule_index_rule_id,
-             (unsigned int idx, unsigned int *rule_id), (rule_id, idx))
-TAZE_QUERIES(TAZE_GetRuleInfoCount, TAZE_GetRuleInfoCountEx, number, taz_rule_count, (unsigned int *count),
-             (count))
-TAZE_QUERIES(TAZE_GetRuleIdRisk, TAZE_GetRuleIdRiskEx, text<Absent::Empty>, taz_rule_id_risk_type,
-             (unsigned int id, char **risk), (risk, id))
-TAZE_QUERIES(TAZE_GetRuleIdRiskGroup, TAZE_GetRuleIdRiskGroupEx, number, taz_rule_id_risk_type_group,
-             (unsigned int id, unsigned int *risk_group), (risk_group, id))
-TAZE_QUERIES(TAZE_GetRuleIdCL, TAZE_GetRuleIdCLEx, number, taz_rule_id_confidence_level,
-             (unsigned int id, unsigned int *cl), (cl, id))
+TAZE_API int TAZE_GetRuleIndexDesc(TAZE *pTAZE, unsigned int idx, char **desc)
+{
+    return text<Absent::Refused>(current_pattern(pTAZE), taz_rule_index_desc, desc, idx);
+}
+
+TAZE_API int TAZE_GetRuleIndexDescEx(TAZE *pTAZE, unsigned int ptn_type, unsigned int idx, char **desc)
+{
+    return text<Absent::Refused>(pattern_of_kind(pTAZE, ptn_type), taz_rule_index_desc, desc, idx);
+}
+
+TAZE_API int TAZE_GetRuleIndexRisk(TAZE *pTAZE, unsigned int idx, char **risk)
+{
+    return text<Absent::Refused>(current_pattern(pTAZE), taz_rule_index_risk_type, risk, idx);
+}
+
+TAZE_API int TAZE_GetRuleIndexRiskEx(TAZE *pTAZE, unsigned int ptn_type, unsigned int idx, char **risk)
+{
+    return text<Absent::Refused>(pattern_of_kind(pTAZE, ptn_type), taz_rule_index_risk_type, risk, idx);
+}
+
+TAZE_API int TAZE_GetRuleIndexRiskGroup(TAZE *pTAZE, unsigned int idx, unsigned int *risk_group)
+{
+    return number(current_pattern(pTAZE), taz_rule_index_risk_type_group, risk_group, idx);
+}
+
+TAZE_API int TAZE_GetRuleIndexRiskGroupEx(TAZE *pTAZE, unsigned int ptn_type, unsigned int idx, unsigned int *risk_group)
+{
+    return number(pattern_of_kind(pTAZE, ptn_type), taz_rule_index_risk_type_group, risk_group, idx);
+}
+
+TAZE_API int TAZE_GetRuleIndexCL(TAZE *pTAZE, unsigned int idx, unsigned int *cl)
+{
+    return number(current_pattern(pTAZE), taz_rule_index_confidence_level, cl, idx);
+}
+
+TAZE_API int TAZE_GetRuleIndexCLEx(TAZE *pTAZE, unsigned int ptn_type, unsigned int idx, unsigned int *cl)
+{
+    return number(pattern_of_kind(pTAZE, ptn_type), taz_rule_index_confidence_level, cl, idx);
+}
+
+TAZE_API int TAZE_GetRuleIndexEnable(TAZE *pTAZE, unsigned int idx, unsigned int *enable)
+{
+    return number(current_pattern(pTAZE), taz_rule_index_enable, enable, idx);
+}
+
+TAZE_API int TAZE_GetRuleIndexEnableEx(TAZE *pTAZE, unsigned int ptn_type, unsigned int idx, unsigned int *enable)
+{
+    return number(pattern_of_kind(pTAZE, ptn_type), taz_rule_index_enable, enable, idx);
+}
+
+TAZE_API int TAZE_GetRuleIndexRuleID(TAZE *pTAZE, unsigned int idx, unsigned int *rule_id)
+{
+    return number(current_pattern(pTAZE), taz_rule_index_rule_id, rule_id, idx);
+}
+
+TAZE_API int TAZE_GetRuleIndexRuleIDEx(TAZE *pTAZE, unsigned int ptn_type, unsigned int idx, unsigned int *rule_id)
+{
+    return number(pattern_of_kind(pTAZE, ptn_type), taz_rule_index_rule_id, rule_id, idx);
+}
+
+TAZE_API int TAZE_GetRuleInfoCount(TAZE *pTAZE, unsigned int *count)
+{
+    return number(current_pattern(pTAZE), taz_rule_count, count);
+}
+
+TAZE_API int TAZE_GetRuleInfoCountEx(TAZE *pTAZE, unsigned int ptn_type, unsigned int *count)
+{
+    return number(pattern_of_kind(pTAZE, ptn_type), taz_rule_count, count);
+}
+
+TAZE_API int TAZE_GetRuleIdRisk(TAZE *pTAZE, unsigned int id, char **risk)
+{
+    return text<Absent::Empty>(current_pattern(pTAZE), taz_rule_id_risk_type, risk, id);
+}
+
+TAZE_API int TAZE_GetRuleIdRiskEx(TAZE *pTAZE, unsigned int ptn_type, unsigned int id, char **risk)
+{
+    return text<Absent::Empty>(pattern_of_kind(pTAZE, ptn_type), taz_rule_id_risk_type, risk, id);
+}
+
+TAZE_API int TAZE_GetRuleIdRiskGroup(TAZE *pTAZE, unsigned int id, unsigned int *risk_group)
+{
+    return number(current_pattern(pTAZE), taz_rule_id_risk_type_group, risk_group, id);
+}
+
+TAZE_API int TAZE_GetRuleIdRiskGroupEx(TAZE *pTAZE, unsigned int ptn_type, unsigned int id, unsigned int *risk_group)
+{
+    return number(pattern_of_kind(pTAZE, ptn_type), taz_rule_id_risk_type_group, risk_group, id);
+}
+
+TAZE_API int TAZE_GetRuleIdCL(TAZE *pTAZE, unsigned int id, unsigned int *cl)
+{
+    return number(current_pattern(pTAZE), taz_rule_id_confidence_level, cl, id);
+}
+
+TAZE_API int TAZE_GetRuleIdCLEx(TAZE *pTAZE, unsigned int ptn_type, unsigned int id, unsigned int *cl)
+{
+    return number(pattern_of_kind(pTAZE, ptn_type), taz_rule_id_confidence_level, cl, id);
+}
+
 
 /* Checks the current pattern but looks in the main kind, then the second. */
 TAZE_API int TAZE_GetRuleIdDesc(TAZE *pTAZE, unsigned int id, char **desc)
@@ -677,59 +707,153 @@ TAZE_API int TAZE_GetRuleIdDesc(TAZE *pTAZE, unsigned int id, char **desc)
 
 /* ---- clean-up ---------------------------------------------------------------- */
 
-TAZE_QUERIES(TAZE_CheckRuleIdClean, TAZE_CheckRuleIdCleanEx, rule_clean_check, taz_rule_id_check_clean,
-             (unsigned int id, unsigned int protocol, unsigned int direction, unsigned int *target),
-             (target, id, protocol, direction))
-TAZE_QUERIES(TAZE_GetRuleIdClean, TAZE_GetRuleIdCleanEx, rule_clean_data, taz_rule_id_get_clean,
-             (unsigned int id, unsigned int *priority, char **src_ptn, char **dst_ptn),
-             (priority, src_ptn, dst_ptn, id))
-TAZE_QUERIES(TAZE_CheckCleanInfo, TAZE_CheckCleanInfoEx, clean_check, taz_clean_info_check_clean,
-             (unsigned int protocol, unsigned int direction, unsigned int *target), (target, protocol, direction))
-TAZE_QUERIES(TAZE_GetCleanInfo, TAZE_GetCleanInfoEx, clean_data, taz_clean_info_get_clean,
-             (unsigned int protocol, unsigned int *priority, char **src_ptn, char **dst_ptn),
-             (priority, src_ptn, dst_ptn, protocol))
+TAZE_API int TAZE_CheckRuleIdClean(TAZE *pTAZE, unsigned int id, unsigned int protocol, unsigned int direction, unsigned int *target)
+{
+    return rule_clean_check(current_pattern(pTAZE), taz_rule_id_check_clean, target, id, protocol, direction);
+}
+
+TAZE_API int TAZE_CheckRuleIdCleanEx(TAZE *pTAZE, unsigned int ptn_type, unsigned int id, unsigned int protocol, unsigned int direction, unsigned int *target)
+{
+    return rule_clean_check(pattern_of_kind(pTAZE, ptn_type), taz_rule_id_check_clean, target, id, protocol, direction);
+}
+
+TAZE_API int TAZE_GetRuleIdClean(TAZE *pTAZE, unsigned int id, unsigned int *priority, char **src_ptn, char **dst_ptn)
+{
+    return rule_clean_data(current_pattern(pTAZE), taz_rule_id_get_clean, priority, src_ptn, dst_ptn, id);
+}
+
+TAZE_API int TAZE_GetRuleIdCleanEx(TAZE *pTAZE, unsigned int ptn_type, unsigned int id, unsigned int *priority, char **src_ptn, char **dst_ptn)
+{
+    return rule_clean_data(pattern_of_kind(pTAZE, ptn_type), taz_rule_id_get_clean, priority, src_ptn, dst_ptn, id);
+}
+
+TAZE_API int TAZE_CheckCleanInfo(TAZE *pTAZE, unsigned int protocol, unsigned int direction, unsigned int *target)
+{
+    return clean_check(current_pattern(pTAZE), taz_clean_info_check_clean, target, protocol, direction);
+}
+
+TAZE_API int TAZE_CheckCleanInfoEx(TAZE *pTAZE, unsigned int ptn_type, unsigned int protocol, unsigned int direction, unsigned int *target)
+{
+    return clean_check(pattern_of_kind(pTAZE, ptn_type), taz_clean_info_check_clean, target, protocol, direction);
+}
+
+TAZE_API int TAZE_GetCleanInfo(TAZE *pTAZE, unsigned int protocol, unsigned int *priority, char **src_ptn, char **dst_ptn)
+{
+    return clean_data(current_pattern(pTAZE), taz_clean_info_get_clean, priority, src_ptn, dst_ptn, protocol);
+}
+
+TAZE_API int TAZE_GetCleanInfoEx(TAZE *pTAZE, unsigned int ptn_type, unsigned int protocol, unsigned int *priority, char **src_ptn, char **dst_ptn)
+{
+    return clean_data(pattern_of_kind(pTAZE, ptn_type), taz_clean_info_get_clean, priority, src_ptn, dst_ptn, protocol);
+}
+
 
 /* ---- protocols and protocol groups ------------------------------------------ */
 
-TAZE_QUERY(TAZE_GetProtocolCount, number, taz_protocol_count, (unsigned int *count), (count))
-TAZE_QUERY(TAZE_GetProtocolIndexID, number, taz_protocol_index_id, (unsigned int idx, unsigned int *protocol_id),
-           (protocol_id, idx))
-TAZE_QUERY(TAZE_GetProtocolIndexDesc, text<Absent::Refused>, taz_protocol_index_desc,
-           (unsigned int idx, char **desc), (desc, idx))
-TAZE_QUERY(TAZE_GetProtocolIndexGroupID, number, taz_protocol_index_group_id,
-           (unsigned int idx, unsigned int *group_id), (group_id, idx))
-TAZE_QUERY(TAZE_GetProtocolIdDesc, text<Absent::Refused>, taz_protocol_id_desc, (unsigned int id, char **desc),
-           (desc, id))
-TAZE_QUERIES(TAZE_GetProtocolIdGroupID, TAZE_GetProtocolIdGroupIDEx, number, taz_protocol_id_group_id,
-             (unsigned int id, unsigned int *group_id), (group_id, id))
-TAZE_QUERY(TAZE_GetProtocolGroupCount, number, taz_protocol_group_count, (unsigned int *count), (count))
-TAZE_QUERY(TAZE_GetProtocolGroupIndexID, number, taz_protocol_group_index_id,
-           (unsigned int idx, unsigned int *group_id), (group_id, idx))
-TAZE_QUERY(TAZE_GetProtocolGroupIndexDesc, text<Absent::Refused>, taz_protocol_group_index_desc,
-           (unsigned int idx, char **desc), (desc, idx))
-TAZE_QUERY(TAZE_GetProtocolGroupIndexProtocolCount, number, taz_protocol_group_index_protocol_count,
-           (unsigned int idx, unsigned int *count), (count, idx))
-TAZE_QUERY(TAZE_GetProtocolGroupIndexProtocolIndex, number, taz_protocol_group_index_protocol_index,
-           (unsigned int idx, unsigned int pidx, unsigned int *protocol_id), (protocol_id, idx, pidx))
-TAZE_QUERY(TAZE_GetProtocolGroupIdDesc, text<Absent::Refused>, taz_protocol_group_id_desc,
-           (unsigned int id, char **desc), (desc, id))
-TAZE_QUERY(TAZE_GetProtocolGroupIdProtocolCount, number, taz_protocol_group_id_protocol_count,
-           (unsigned int id, unsigned int *count), (count, id))
-TAZE_QUERY(TAZE_GetProtocolGroupIdProtocolIndexId, number, taz_protocol_group_id_protocol_index_id,
-           (unsigned int id, unsigned int pindex, unsigned int *protocol_id), (protocol_id, id, pindex))
+TAZE_API int TAZE_GetProtocolCount(TAZE *pTAZE, unsigned int *count)
+{
+    return number(current_pattern(pTAZE), taz_protocol_count, count);
+}
+
+TAZE_API int TAZE_GetProtocolIndexID(TAZE *pTAZE, unsigned int idx, unsigned int *protocol_id)
+{
+    return number(current_pattern(pTAZE), taz_protocol_index_id, protocol_id, idx);
+}
+
+TAZE_API int TAZE_GetProtocolIndexDesc(TAZE *pTAZE, unsigned int idx, char **desc)
+{
+    return text<Absent::Refused>(current_pattern(pTAZE), taz_protocol_index_desc, desc, idx);
+}
+
+TAZE_API int TAZE_GetProtocolIndexGroupID(TAZE *pTAZE, unsigned int idx, unsigned int *group_id)
+{
+    return number(current_pattern(pTAZE), taz_protocol_index_group_id, group_id, idx);
+}
+
+TAZE_API int TAZE_GetProtocolIdDesc(TAZE *pTAZE, unsigned int id, char **desc)
+{
+    return text<Absent::Refused>(current_pattern(pTAZE), taz_protocol_id_desc, desc, id);
+}
+
+TAZE_API int TAZE_GetProtocolIdGroupID(TAZE *pTAZE, unsigned int id, unsigned int *group_id)
+{
+    return number(current_pattern(pTAZE), taz_protocol_id_group_id, group_id, id);
+}
+
+TAZE_API int TAZE_GetProtocolIdGroupIDEx(TAZE *pTAZE, unsigned int ptn_type, unsigned int id, unsigned int *group_id)
+{
+    return number(pattern_of_kind(pTAZE, ptn_type), taz_protocol_id_group_id, group_id, id);
+}
+
+TAZE_API int TAZE_GetProtocolGroupCount(TAZE *pTAZE, unsigned int *count)
+{
+    return number(current_pattern(pTAZE), taz_protocol_group_count, count);
+}
+
+TAZE_API int TAZE_GetProtocolGroupIndexID(TAZE *pTAZE, unsigned int idx, unsigned int *group_id)
+{
+    return number(current_pattern(pTAZE), taz_protocol_group_index_id, group_id, idx);
+}
+
+TAZE_API int TAZE_GetProtocolGroupIndexDesc(TAZE *pTAZE, unsigned int idx, char **desc)
+{
+    return text<Absent::Refused>(current_pattern(pTAZE), taz_protocol_group_index_desc, desc, idx);
+}
+
+TAZE_API int TAZE_GetProtocolGroupIndexProtocolCount(TAZE *pTAZE, unsigned int idx, unsigned int *count)
+{
+    return number(current_pattern(pTAZE), taz_protocol_group_index_protocol_count, count, idx);
+}
+
+TAZE_API int TAZE_GetProtocolGroupIndexProtocolIndex(TAZE *pTAZE, unsigned int idx, unsigned int pidx, unsigned int *protocol_id)
+{
+    return number(current_pattern(pTAZE), taz_protocol_group_index_protocol_index, protocol_id, idx, pidx);
+}
+
+TAZE_API int TAZE_GetProtocolGroupIdDesc(TAZE *pTAZE, unsigned int id, char **desc)
+{
+    return text<Absent::Refused>(current_pattern(pTAZE), taz_protocol_group_id_desc, desc, id);
+}
+
+TAZE_API int TAZE_GetProtocolGroupIdProtocolCount(TAZE *pTAZE, unsigned int id, unsigned int *count)
+{
+    return number(current_pattern(pTAZE), taz_protocol_group_id_protocol_count, count, id);
+}
+
+TAZE_API int TAZE_GetProtocolGroupIdProtocolIndexId(TAZE *pTAZE, unsigned int id, unsigned int pindex, unsigned int *protocol_id)
+{
+    return number(current_pattern(pTAZE), taz_protocol_group_id_protocol_index_id, protocol_id, id, pindex);
+}
+
 
 /* ---- risk, threat type and second-kind information --------------------------- */
 
-TAZE_QUERIES(TAZE_GetKnownRiskInfo, TAZE_GetKnownRiskInfoEx, risk_info, taz_known_risk_get_info,
-             (unsigned int direction, unsigned int protocol, unsigned int *policy_id, unsigned int *severity),
-             (policy_id, severity, direction, protocol))
-TAZE_QUERIES(TAZE_GetPotentialRiskInfo, TAZE_GetPotentialRiskInfoEx, risk_info, taz_potential_risk_get_info,
-             (unsigned int rule_id, unsigned int direction, unsigned int protocol, unsigned int *policy_id,
-              unsigned int *severity),
-             (policy_id, severity, rule_id, direction, protocol))
+TAZE_API int TAZE_GetKnownRiskInfo(TAZE *pTAZE, unsigned int direction, unsigned int protocol, unsigned int *policy_id, unsigned int *severity)
+{
+    return risk_info(current_pattern(pTAZE), taz_known_risk_get_info, policy_id, severity, direction, protocol);
+}
+
+TAZE_API int TAZE_GetKnownRiskInfoEx(TAZE *pTAZE, unsigned int ptn_type, unsigned int direction, unsigned int protocol, unsigned int *policy_id, unsigned int *severity)
+{
+    return risk_info(pattern_of_kind(pTAZE, ptn_type), taz_known_risk_get_info, policy_id, severity, direction, protocol);
+}
+
+TAZE_API int TAZE_GetPotentialRiskInfo(TAZE *pTAZE, unsigned int rule_id, unsigned int direction, unsigned int protocol, unsigned int *policy_id, unsigned int *severity)
+{
+    return risk_info(current_pattern(pTAZE), taz_potential_risk_get_info, policy_id, severity, rule_id, direction, protocol);
+}
+
+TAZE_API int TAZE_GetPotentialRiskInfoEx(TAZE *pTAZE, unsigned int ptn_type, unsigned int rule_id, unsigned int direction, unsigned int protocol, unsigned int *policy_id, unsigned int *severity)
+{
+    return risk_info(pattern_of_kind(pTAZE, ptn_type), taz_potential_risk_get_info, policy_id, severity, rule_id, direction, protocol);
+}
+
 /* The plain form is below: it answers for an empty current pattern too. */
-TAZE_QUERY_EX(TAZE_GetThreatTypeEx, number, taz_threat_type_get, (unsigned int rule_id, unsigned int *threat_type),
-              (threat_type, rule_id))
+TAZE_API int TAZE_GetThreatTypeEx(TAZE *pTAZE, unsigned int ptn_type, unsigned int rule_id, unsigned int *threat_type)
+{
+    return number(pattern_of_kind(pTAZE, ptn_type), taz_threat_type_get, threat_type, rule_id);
+}
+
 
 /* Borrowed from the second kind's image, whatever the current pattern. */
 TAZE_API int TAZE_GetUlmInfo(TAZE *pTAZE, const char **info)
@@ -857,14 +981,42 @@ int TAZE_PatternGetIIMapList(taz_pattern_st *ptn, int /*ptn_type*/, int magic, i
 
 /* ---- maps -------------------------------------------------------------------------- */
 
-TAZE_MAP_SEARCH(TAZE_PatternSearchSIMap, SIMap, const char *, unsigned int)
-TAZE_MAP_BY_KEY(TAZE_PatternGetSIMapByKey, SIMap, const char *)
-TAZE_MAP_COUNT(TAZE_PatternGetSIMapCount, SIMap)
-TAZE_MAP_BY_INDEX(TAZE_PatternGetSIMapByIndex, SIMap)
+TAZE_API int TAZE_PatternSearchSIMap(TAZE *pTAZE, int ptn_type, int map_type, int magic, const char * key, unsigned int value)
+{
+    return map_search<SIMap>(pTAZE, ptn_type, map_type, magic, key, value);
+}
 
-TAZE_MAP_SEARCH(TAZE_PatternSearchSIPv6Map, SIPv6Map, const char *, const unsigned char *)
-TAZE_MAP_COUNT(TAZE_PatternGetSIPv6MapCount, SIPv6Map)
-TAZE_MAP_BY_INDEX(TAZE_PatternGetSIPv6MapByIndex, SIPv6Map)
+TAZE_API int TAZE_PatternGetSIMapByKey(TAZE *pTAZE, int ptn_type, int map_type, int magic, const char * key, SIMap::Result *result)
+{
+    return map_by_key<SIMap>(pTAZE, ptn_type, map_type, magic, key, result);
+}
+
+TAZE_API int TAZE_PatternGetSIMapCount(TAZE *pTAZE, int ptn_type, int map_type, int magic)
+{
+    return map_count<SIMap>(pTAZE, ptn_type, map_type, magic);
+}
+
+TAZE_API int TAZE_PatternGetSIMapByIndex(TAZE *pTAZE, int ptn_type, int map_type, int magic, int index, SIMap::Result *result)
+{
+    return map_by_index<SIMap>(pTAZE, ptn_type, map_type, magic, index, result);
+}
+
+
+TAZE_API int TAZE_PatternSearchSIPv6Map(TAZE *pTAZE, int ptn_type, int map_type, int magic, const char * key, const unsigned char * value)
+{
+    return map_search<SIPv6Map>(pTAZE, ptn_type, map_type, magic, key, value);
+}
+
+TAZE_API int TAZE_PatternGetSIPv6MapCount(TAZE *pTAZE, int ptn_type, int map_type, int magic)
+{
+    return map_count<SIPv6Map>(pTAZE, ptn_type, map_type, magic);
+}
+
+TAZE_API int TAZE_PatternGetSIPv6MapByIndex(TAZE *pTAZE, int ptn_type, int map_type, int magic, int index, SIPv6Map::Result *result)
+{
+    return map_by_index<SIPv6Map>(pTAZE, ptn_type, map_type, magic, index, result);
+}
+
 
 /* Deliberately searches nothing once the kind is chosen: string-to-IPv6
  * entries are read by index, and membership is asked with
@@ -906,18 +1058,62 @@ TAZE_API int TAZE_PatternSearchIIMap(TAZE *pTAZE, int ptn_type, int magic, unsig
 {
     return map_search<IIMap>(pTAZE, ptn_type, kNoMapType, magic, key, value);
 }
-TAZE_MAP_BY_KEY(TAZE_PatternGetIIMapByKey, IIMap, unsigned int)
-TAZE_MAP_COUNT(TAZE_PatternGetIIMapCount, IIMap)
-TAZE_MAP_BY_INDEX(TAZE_PatternGetIIMapByIndex, IIMap)
+TAZE_API int TAZE_PatternGetIIMapByKey(TAZE *pTAZE, int ptn_type, int map_type, int magic, unsigned int key, IIMap::Result *result)
+{
+    return map_by_key<IIMap>(pTAZE, ptn_type, map_type, magic, key, result);
+}
 
-TAZE_MAP_SEARCH(TAZE_PatternSearchISMap, ISMap, unsigned int, const char *)
-TAZE_MAP_BY_KEY(TAZE_PatternGetISMapByKey, ISMap, unsigned int)
-TAZE_MAP_COUNT(TAZE_PatternGetISMapCount, ISMap)
-TAZE_MAP_BY_INDEX(TAZE_PatternGetISMapByIndex, ISMap)
+TAZE_API int TAZE_PatternGetIIMapCount(TAZE *pTAZE, int ptn_type, int map_type, int magic)
+{
+    return map_count<IIMap>(pTAZE, ptn_type, map_type, magic);
+}
 
-TAZE_MAP_SEARCH(TAZE_PatternSearchSSMap, SSMap, const char *, const char *)
-TAZE_MAP_BY_KEY(TAZE_PatternGetSSMapByKey, SSMap, const char *)
-TAZE_MAP_COUNT(TAZE_PatternGetSSMapCount, SSMap)
-TAZE_MAP_BY_INDEX(TAZE_PatternGetSSMapByIndex, SSMap)
+TAZE_API int TAZE_PatternGetIIMapByIndex(TAZE *pTAZE, int ptn_type, int map_type, int magic, int index, IIMap::Result *result)
+{
+    return map_by_index<IIMap>(pTAZE, ptn_type, map_type, magic, index, result);
+}
+
+
+TAZE_API int TAZE_PatternSearchISMap(TAZE *pTAZE, int ptn_type, int map_type, int magic, unsigned int key, const char * value)
+{
+    return map_search<ISMap>(pTAZE, ptn_type, map_type, magic, key, value);
+}
+
+TAZE_API int TAZE_PatternGetISMapByKey(TAZE *pTAZE, int ptn_type, int map_type, int magic, unsigned int key, ISMap::Result *result)
+{
+    return map_by_key<ISMap>(pTAZE, ptn_type, map_type, magic, key, result);
+}
+
+TAZE_API int TAZE_PatternGetISMapCount(TAZE *pTAZE, int ptn_type, int map_type, int magic)
+{
+    return map_count<ISMap>(pTAZE, ptn_type, map_type, magic);
+}
+
+TAZE_API int TAZE_PatternGetISMapByIndex(TAZE *pTAZE, int ptn_type, int map_type, int magic, int index, ISMap::Result *result)
+{
+    return map_by_index<ISMap>(pTAZE, ptn_type, map_type, magic, index, result);
+}
+
+
+TAZE_API int TAZE_PatternSearchSSMap(TAZE *pTAZE, int ptn_type, int map_type, int magic, const char * key, const char * value)
+{
+    return map_search<SSMap>(pTAZE, ptn_type, map_type, magic, key, value);
+}
+
+TAZE_API int TAZE_PatternGetSSMapByKey(TAZE *pTAZE, int ptn_type, int map_type, int magic, const char * key, SSMap::Result *result)
+{
+    return map_by_key<SSMap>(pTAZE, ptn_type, map_type, magic, key, result);
+}
+
+TAZE_API int TAZE_PatternGetSSMapCount(TAZE *pTAZE, int ptn_type, int map_type, int magic)
+{
+    return map_count<SSMap>(pTAZE, ptn_type, map_type, magic);
+}
+
+TAZE_API int TAZE_PatternGetSSMapByIndex(TAZE *pTAZE, int ptn_type, int map_type, int magic, int index, SSMap::Result *result)
+{
+    return map_by_index<SSMap>(pTAZE, ptn_type, map_type, magic, index, result);
+}
+
 
 } // extern "C"

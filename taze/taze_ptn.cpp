@@ -419,7 +419,7 @@ V value_of(const T *e, V T::*field)
     return e ? e->*field : V{};
 }
 
-const taz_rule_info_st *rule_at(UINT32 index, const taz_pattern_st *sp)
+const taz_rule_info_st *rule_at(const taz_pattern_st *sp, UINT32 index)
 {
     return sp ? entry_at(sp->rule_info_list.rule_infos, sp->rule_info_list.nr_rule_infos, index) : nullptr;
 }
@@ -430,12 +430,12 @@ const taz_rule_info_st *rule_by_id(const taz_pattern_st *sp, UINT32 rule_id)
     return rule_id != 0 ? taz_rule_info_get(sp, rule_id) : nullptr;
 }
 
-const taz_protocol_info_st *protocol_at(UINT32 index, const taz_pattern_st *sp)
+const taz_protocol_info_st *protocol_at(const taz_pattern_st *sp, UINT32 index)
 {
     return sp ? entry_at(sp->protocol_info.prot_infos, sp->protocol_info.nr_prot_infos, index) : nullptr;
 }
 
-const taz_protocol_group_info_st *group_at(UINT32 index, const taz_pattern_st *sp)
+const taz_protocol_group_info_st *group_at(const taz_pattern_st *sp, UINT32 index)
 {
     return sp ? entry_at(sp->protocol_info.prog_infos, sp->protocol_info.nr_prog_infos, index) : nullptr;
 }
@@ -465,15 +465,15 @@ const taz_protocol_group_info_st *taz_protocol_group_get(const taz_pattern_st *s
 
 /* Group positions and member positions come from the file unchecked; one
  * that is out of range answers 0 like a missing entry. */
-UINT32 group_id_of(const taz_protocol_info_st *p, const taz_pattern_st *sp)
+UINT32 group_id_of(const taz_pattern_st *sp, const taz_protocol_info_st *p)
 {
-    return p ? taz_protocol_group_index_id(p->group_idx, sp) : 0;
+    return p ? taz_protocol_group_index_id(sp, p->group_idx) : 0;
 }
 
-UINT32 member_protocol_id(const taz_protocol_group_info_st *g, UINT32 protocol_index, const taz_pattern_st *sp)
+UINT32 member_protocol_id(const taz_pattern_st *sp, const taz_protocol_group_info_st *g, UINT32 protocol_index)
 {
     const UINT32 *pos = g ? entry_at(g->protocol_idx, g->nr_protocol_idxs, protocol_index) : nullptr;
-    return pos ? taz_protocol_index_id(*pos, sp) : 0;
+    return pos ? taz_protocol_index_id(sp, *pos) : 0;
 }
 
 /* Whether one clean entry applies: -1 for a missing entry or output, 1 with
@@ -611,7 +611,7 @@ void taz_unload_severity_ptns(taz_pattern_st *ptn)
  * failure value (0 or null). Rule ids are looked up by bisection (id 0 is
  * never searched); protocol and group ids fall back to entry 0. */
 #define TAZ_BY_INDEX(type, name, locate, record, field) \
-    type name(UINT32 index, const taz_pattern_st *sp) { return value_of(locate(index, sp), &record::field); }
+    type name(const taz_pattern_st *sp, UINT32 index) { return value_of(locate(sp, index), &record::field); }
 #define TAZ_BY_ID(type, name, locate, record, field) \
     type name(const taz_pattern_st *sp, UINT32 id) { return value_of(locate(sp, id), &record::field); }
 TAZ_BY_INDEX(UINT32, taz_rule_index_rule_id, rule_at, taz_rule_info_st, rule_id)
@@ -684,24 +684,24 @@ UINT32 taz_protocol_count(const taz_pattern_st *sp) { return sp ? sp->protocol_i
 
 UINT32 taz_protocol_group_count(const taz_pattern_st *sp) { return sp ? sp->protocol_info.nr_prog_infos : 0; }
 
-UINT32 taz_protocol_index_group_id(UINT32 index, const taz_pattern_st *sp)
+UINT32 taz_protocol_index_group_id(const taz_pattern_st *sp, UINT32 index)
 {
-    return group_id_of(protocol_at(index, sp), sp);
+    return group_id_of(sp, protocol_at(sp, index));
 }
 
-UINT32 taz_protocol_group_index_protocol_index(UINT32 group_index, UINT32 protocol_index, const taz_pattern_st *sp)
+UINT32 taz_protocol_group_index_protocol_index(const taz_pattern_st *sp, UINT32 group_index, UINT32 protocol_index)
 {
-    return member_protocol_id(group_at(group_index, sp), protocol_index, sp);
+    return member_protocol_id(sp, group_at(sp, group_index), protocol_index);
 }
 
 UINT32 taz_protocol_id_group_id(const taz_pattern_st *sp, UINT32 protocol_id)
 {
-    return group_id_of(taz_protocol_get(sp, protocol_id), sp);
+    return group_id_of(sp, taz_protocol_get(sp, protocol_id));
 }
 
 UINT32 taz_protocol_group_id_protocol_index_id(const taz_pattern_st *sp, UINT32 group_id, UINT32 protocol_index)
 {
-    return member_protocol_id(taz_protocol_group_get(sp, group_id), protocol_index, sp);
+    return member_protocol_id(sp, taz_protocol_group_get(sp, group_id), protocol_index);
 }
 
 /* ---- Risk, threat type, second-kind name ------------------------------------ */

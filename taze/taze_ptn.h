@@ -142,12 +142,12 @@ struct taz_pattern_st {
 
 /* ---- Rule, clean, protocol, risk and threat lookups ------------------- */
 UINT32 taz_rule_count(const taz_pattern_st *sp);
-UINT32 taz_rule_index_rule_id(UINT32 index, const taz_pattern_st *sp);
-const unsigned char *taz_rule_index_desc(UINT32 index, const taz_pattern_st *sp);
-const unsigned char *taz_rule_index_risk_type(UINT32 index, const taz_pattern_st *sp);
-UINT32 taz_rule_index_risk_type_group(UINT32 index, const taz_pattern_st *sp);
-UINT32 taz_rule_index_confidence_level(UINT32 index, const taz_pattern_st *sp);
-UINT32 taz_rule_index_enable(UINT32 index, const taz_pattern_st *sp);
+UINT32 taz_rule_index_rule_id(const taz_pattern_st *sp, UINT32 index);
+const unsigned char *taz_rule_index_desc(const taz_pattern_st *sp, UINT32 index);
+const unsigned char *taz_rule_index_risk_type(const taz_pattern_st *sp, UINT32 index);
+UINT32 taz_rule_index_risk_type_group(const taz_pattern_st *sp, UINT32 index);
+UINT32 taz_rule_index_confidence_level(const taz_pattern_st *sp, UINT32 index);
+UINT32 taz_rule_index_enable(const taz_pattern_st *sp, UINT32 index);
 
 const taz_rule_info_st *taz_rule_info_get(const taz_pattern_st *sp, UINT32 rule_id);
 const unsigned char *taz_rule_id_description(const taz_pattern_st *sp, UINT32 rule_id);
@@ -166,14 +166,14 @@ int taz_clean_info_get_clean(const taz_pattern_st *sp, UINT32 protocol, UINT32 *
 
 UINT32 taz_protocol_count(const taz_pattern_st *sp);
 UINT32 taz_protocol_group_count(const taz_pattern_st *sp);
-UINT32 taz_protocol_index_id(UINT32 index, const taz_pattern_st *sp);
-const unsigned char *taz_protocol_index_desc(UINT32 index, const taz_pattern_st *sp);
-UINT32 taz_protocol_index_group_id(UINT32 index, const taz_pattern_st *sp);
-UINT32 taz_protocol_group_index_id(UINT32 group_index, const taz_pattern_st *sp);
-const unsigned char *taz_protocol_group_index_desc(UINT32 group_index, const taz_pattern_st *sp);
-UINT32 taz_protocol_group_index_protocol_count(UINT32 group_index, const taz_pattern_st *sp);
-UINT32 taz_protocol_group_index_protocol_index(UINT32 group_index, UINT32 protocol_index,
-                                               const taz_pattern_st *sp);
+UINT32 taz_protocol_index_id(const taz_pattern_st *sp, UINT32 index);
+const unsigned char *taz_protocol_index_desc(const taz_pattern_st *sp, UINT32 index);
+UINT32 taz_protocol_index_group_id(const taz_pattern_st *sp, UINT32 index);
+UINT32 taz_protocol_group_index_id(const taz_pattern_st *sp, UINT32 group_index);
+const unsigned char *taz_protocol_group_index_desc(const taz_pattern_st *sp, UINT32 group_index);
+UINT32 taz_protocol_group_index_protocol_count(const taz_pattern_st *sp, UINT32 group_index);
+UINT32 taz_protocol_group_index_protocol_index(const taz_pattern_st *sp, UINT32 group_index,
+                                               UINT32 protocol_index);
 const unsigned char *taz_protocol_id_desc(const taz_pattern_st *sp, UINT32 protocol_id);
 UINT32 taz_protocol_id_group_id(const taz_pattern_st *sp, UINT32 protocol_id);
 const unsigned char *taz_protocol_group_id_desc(const taz_pattern_st *sp, UINT32 group_id);
