@@ -613,35 +613,35 @@ TAZE_API int TAZE_PatternGetStringList(TAZE *pTAZE, int idx, int ptntype, TAZE_S
 
 /* ---- map list selectors ------------------------------------------------------------ */
 
-int TAZE_PatternGetSIMapList(taz_pattern_st *ptn, int /*ptn_type*/, int map_type, int magic, simap_list_st **list)
+int TAZE_PatternGetSIMapList(taz_pattern_st *ptn, int /*ptn_type*/, int map_type, int list_number, simap_list_st **list)
 {
-    return select_map_list(ptn, map_type, magic, list);
+    return select_map_list(ptn, map_type, list_number, list);
 }
 
-int TAZE_PatternGetSIPv6MapList(taz_pattern_st *ptn, int /*ptn_type*/, int map_type, int magic,
+int TAZE_PatternGetSIPv6MapList(taz_pattern_st *ptn, int /*ptn_type*/, int map_type, int list_number,
                                 sipv6map_list_st **list)
 {
-    return select_map_list(ptn, map_type, magic, list);
+    return select_map_list(ptn, map_type, list_number, list);
 }
 
-int TAZE_PatternGetISMapList(taz_pattern_st *ptn, int /*ptn_type*/, int map_type, int magic, ismap_list_st **list)
+int TAZE_PatternGetISMapList(taz_pattern_st *ptn, int /*ptn_type*/, int map_type, int list_number, ismap_list_st **list)
 {
-    return select_map_list(ptn, map_type, magic, list);
+    return select_map_list(ptn, map_type, list_number, list);
 }
 
-int TAZE_PatternGetSSMapList(taz_pattern_st *ptn, int /*ptn_type*/, int map_type, int magic, ssmap_list_st **list)
+int TAZE_PatternGetSSMapList(taz_pattern_st *ptn, int /*ptn_type*/, int map_type, int list_number, ssmap_list_st **list)
 {
-    return select_map_list(ptn, map_type, magic, list);
+    return select_map_list(ptn, map_type, list_number, list);
 }
 
-int TAZE_PatternGetIPv6IMapList(taz_pattern_st *ptn, int /*ptn_type*/, int magic, ipv6imap_list_st **list)
+int TAZE_PatternGetIPv6IMapList(taz_pattern_st *ptn, int /*ptn_type*/, int list_number, ipv6imap_list_st **list)
 {
-    return select_map_list(ptn, kNoMapType, magic, list);
+    return select_map_list(ptn, kNoMapType, list_number, list);
 }
 
-int TAZE_PatternGetIIMapList(taz_pattern_st *ptn, int /*ptn_type*/, int magic, iimap_list_st **list)
+int TAZE_PatternGetIIMapList(taz_pattern_st *ptn, int /*ptn_type*/, int list_number, iimap_list_st **list)
 {
-    return select_map_list(ptn, kNoMapType, magic, list);
+    return select_map_list(ptn, kNoMapType, list_number, list);
 }
 
 /* ---- maps -------------------------------------------------------------------------- */

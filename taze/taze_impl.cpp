@@ -238,7 +238,7 @@ void release_record(typename L::record &r)
 }
 
 template <typename L>
-void release_lists(typename L::record *recs, std::uint64_t limit)
+void taz_unload_list_ptns(typename L::record *recs, std::uint64_t limit)
 {
     if (recs == nullptr) return;
     for (std::uint64_t i = 0; i < limit; ++i) release_record<L>(recs[i]);
@@ -302,7 +302,7 @@ bool walk_lists(typename L::record *recs, std::uint64_t usable, const unsigned c
 /* (first argument, list records, section body, section size, list count,
  * records available) -> 0, or -1 with the family's records left empty. */
 template <typename L>
-int load_lists(const void *first, typename L::record *recs, const unsigned char *ptn_buf, UINT32 ptn_len,
+int taz_load_list_ptns(const void *first, typename L::record *recs, const unsigned char *ptn_buf, UINT32 ptn_len,
                UINT32 count, INT32 limit, Scope &s)
 {
     if (!args_ok<L::pre>(first, ptn_buf, ptn_len)) return -1;
@@ -310,24 +310,8 @@ int load_lists(const void *first, typename L::record *recs, const unsigned char 
     const std::uint64_t usable = limit > 0 ? std::uint64_t(limit) : 0;
     if (recs == nullptr && usable != 0) return -1;
     if (walk_lists<L>(recs, usable, ptn_buf, ptn_len, count, s)) return 0;
-    release_lists<L>(recs, usable);
+    taz_unload_list_ptns<L>(recs, usable);
     return -1;
-}
-
-/* The exported loaders: nothing readable beyond the section is known. */
-template <typename Rec>
-int load_direct(const void *first, Rec *recs, const unsigned char *ptn_buf, UINT32 ptn_len, UINT32 count,
-                INT32 limit)
-{
-    Budget budget{0, kAllowance + ptn_len};
-    Scope s{ptn_len, &budget};
-    return load_lists<layout_of<Rec>>(first, recs, ptn_buf, ptn_len, count, limit, s);
-}
-
-template <typename Rec>
-void release_limit(Rec *recs, INT32 limit)
-{
-    if (limit > 0) release_lists<layout_of<Rec>>(recs, std::uint64_t(limit));
 }
 
 /* ---- Section kinds ------------------------------------------------------------ */
@@ -357,7 +341,7 @@ struct Family {
 
     static void release(Image *ptn)
     {
-        release_lists<L>(ptn->*Lists, ptn->*Count);
+        taz_unload_list_ptns<L>(ptn->*Lists, ptn->*Count);
         std::free(ptn->*Lists);
         ptn->*Lists = nullptr;
         ptn->*Count = 0;
@@ -376,7 +360,7 @@ struct Family {
         Scope s{UINT32(ptn->ptn_len - UINT32(body - ptn->ptn_buf)), &w.budget};
         /* The image stands for the loader's first argument: it and the list
          * array are both present here. */
-        return load_lists<L>(ptn, recs, body, size, count, INT32(max), s);
+        return taz_load_list_ptns<L>(ptn, recs, body, size, count, INT32(max), s);
     }
 };
 
@@ -607,50 +591,6 @@ int taz_load_ulm_info_ptns(taz_pattern_st *ptn, const unsigned char *ptn_buf, UI
     }
     return 0;
 }
-
-/* The per-family loaders and releasers: thin instantiations of the list walk.
- * The image-held families find their list array in the image; the releasers'
- * assertions read through the image, so an absent image is ignored first. */
-#define TAZ_LOADER(load, type, first, records)                                                            \
-    int load(type *first, const unsigned char *ptn_buf, UINT32 ptn_len, UINT32 count, INT32 limit)        \
-    {                                                                                                     \
-        return load_direct(first, records, ptn_buf, ptn_len, count, limit);                               \
-    }
-
-#define TAZ_IMAGE_FAMILY(load, unload, field)                                                             \
-    TAZ_LOADER(load, taz_pattern_st, ptn, ptn ? ptn->field : nullptr)                                     \
-    void unload(taz_pattern_st *ptn, INT32 limit)                                                         \
-    {                                                                                                     \
-        if (ptn == nullptr) return;                                                                       \
-        assert(limit == 0 || ptn != ((void *)0) || ptn->field != ((void *)0));                            \
-        release_limit(ptn->field, limit);                                                                 \
-    }
-
-#define TAZ_LIST_FAMILY(load, unload, record)                                                             \
-    TAZ_LOADER(load, record, plist, plist)                                                                \
-    void unload(record *plist, INT32 limit)                                                               \
-    {                                                                                                     \
-        assert(limit == 0 || plist != ((void *)0));                                                       \
-        release_limit(plist, limit);                                                                      \
-    }
-
-TAZ_IMAGE_FAMILY(taz_load_string_ptns, taz_unload_string_ptns, string_lists)
-TAZ_IMAGE_FAMILY(taz_load_string_prefix_ptns, taz_unload_string_prefix_ptns, string_prefix_lists)
-TAZ_IMAGE_FAMILY(taz_load_string_suffix_ptns, taz_unload_string_suffix_ptns, string_suffix_lists)
-TAZ_IMAGE_FAMILY(taz_load_string_substring_ptns, taz_unload_string_substring_ptns, string_substring_lists)
-TAZ_IMAGE_FAMILY(taz_load_string_case_ptns, taz_unload_string_case_ptns, string_case_lists)
-TAZ_IMAGE_FAMILY(taz_load_string_prefix_case_ptns, taz_unload_string_prefix_case_ptns, string_prefix_case_lists)
-TAZ_IMAGE_FAMILY(taz_load_string_suffix_case_ptns, taz_unload_string_suffix_case_ptns, string_suffix_case_lists)
-TAZ_IMAGE_FAMILY(taz_load_string_substring_case_ptns, taz_unload_string_substring_case_ptns, string_substr_case_lists)
-TAZ_IMAGE_FAMILY(taz_load_ip_range_ptns, taz_unload_ip_range_ptns, ip_range_lists)
-TAZ_IMAGE_FAMILY(taz_load_ipv6_range_ptns, taz_unload_ipv6_range_ptns, ipv6_range_lists)
-TAZ_IMAGE_FAMILY(taz_load_port_range_ptns, taz_unload_port_range_ptns, port_range_lists)
-TAZ_IMAGE_FAMILY(taz_load_int_int_map_ptns, taz_unload_int_int_map_ptns, int_int_map_lists)
-TAZ_IMAGE_FAMILY(taz_load_ipv6_int_map_ptns, taz_unload_ipv6_int_map_ptns, ipv6_int_map_lists)
-TAZ_LIST_FAMILY(taz_load_str_int_map_ptns, taz_unload_str_int_map_ptns, simap_list_st)
-TAZ_LIST_FAMILY(taz_load_str_ipv6_map_ptns, taz_unload_str_ipv6_map_ptns, sipv6map_list_st)
-TAZ_LIST_FAMILY(taz_load_int_str_map_ptns, taz_unload_int_str_map_ptns, ismap_list_st)
-TAZ_LIST_FAMILY(taz_load_str_str_map_ptns, taz_unload_str_str_map_ptns, ssmap_list_st)
 
 #ifndef MADV_POPULATE_WRITE
 #define MADV_POPULATE_WRITE 23 /* Linux 5.14 */

@@ -44,45 +44,9 @@ void ulm_pattern_init(taz_pattern_st *ptn);
 void ulm_pattern_fini(taz_pattern_st *ptn);
 
 /* ---- List, range and map families -------------------------------------
- * (first argument, section body, section size, list count, list records
- * available) -> 0 or -1. Releasers free element arrays of records
- * 0..limit-1 and leave them empty. */
-int taz_load_string_ptns(taz_pattern_st *ptn, const unsigned char *ptn_buf, UINT32 ptn_len, UINT32 count, INT32 limit);
-int taz_load_string_prefix_ptns(taz_pattern_st *ptn, const unsigned char *ptn_buf, UINT32 ptn_len, UINT32 count, INT32 limit);
-int taz_load_string_suffix_ptns(taz_pattern_st *ptn, const unsigned char *ptn_buf, UINT32 ptn_len, UINT32 count, INT32 limit);
-int taz_load_string_substring_ptns(taz_pattern_st *ptn, const unsigned char *ptn_buf, UINT32 ptn_len, UINT32 count, INT32 limit);
-int taz_load_string_case_ptns(taz_pattern_st *ptn, const unsigned char *ptn_buf, UINT32 ptn_len, UINT32 count, INT32 limit);
-int taz_load_string_prefix_case_ptns(taz_pattern_st *ptn, const unsigned char *ptn_buf, UINT32 ptn_len, UINT32 count, INT32 limit);
-int taz_load_string_suffix_case_ptns(taz_pattern_st *ptn, const unsigned char *ptn_buf, UINT32 ptn_len, UINT32 count, INT32 limit);
-int taz_load_string_substring_case_ptns(taz_pattern_st *ptn, const unsigned char *ptn_buf, UINT32 ptn_len, UINT32 count, INT32 limit);
-void taz_unload_string_ptns(taz_pattern_st *ptn, INT32 limit);
-void taz_unload_string_prefix_ptns(taz_pattern_st *ptn, INT32 limit);
-void taz_unload_string_suffix_ptns(taz_pattern_st *ptn, INT32 limit);
-void taz_unload_string_substring_ptns(taz_pattern_st *ptn, INT32 limit);
-void taz_unload_string_case_ptns(taz_pattern_st *ptn, INT32 limit);
-void taz_unload_string_prefix_case_ptns(taz_pattern_st *ptn, INT32 limit);
-void taz_unload_string_suffix_case_ptns(taz_pattern_st *ptn, INT32 limit);
-void taz_unload_string_substring_case_ptns(taz_pattern_st *ptn, INT32 limit);
-
-int taz_load_ip_range_ptns(taz_pattern_st *ptn, const unsigned char *ptn_buf, UINT32 ptn_len, UINT32 count, INT32 limit);
-int taz_load_ipv6_range_ptns(taz_pattern_st *ptn, const unsigned char *ptn_buf, UINT32 ptn_len, UINT32 count, INT32 limit);
-int taz_load_port_range_ptns(taz_pattern_st *ptn, const unsigned char *ptn_buf, UINT32 ptn_len, UINT32 count, INT32 limit);
-void taz_unload_ip_range_ptns(taz_pattern_st *ptn, INT32 limit);
-void taz_unload_ipv6_range_ptns(taz_pattern_st *ptn, INT32 limit);
-void taz_unload_port_range_ptns(taz_pattern_st *ptn, INT32 limit);
-
-int taz_load_str_int_map_ptns(simap_list_st *plist, const unsigned char *ptn_buf, UINT32 ptn_len, UINT32 count, INT32 limit);
-int taz_load_str_ipv6_map_ptns(sipv6map_list_st *plist, const unsigned char *ptn_buf, UINT32 ptn_len, UINT32 count, INT32 limit);
-int taz_load_int_int_map_ptns(taz_pattern_st *ptn, const unsigned char *ptn_buf, UINT32 ptn_len, UINT32 count, INT32 limit);
-int taz_load_ipv6_int_map_ptns(taz_pattern_st *ptn, const unsigned char *ptn_buf, UINT32 ptn_len, UINT32 count, INT32 limit);
-int taz_load_int_str_map_ptns(ismap_list_st *plist, const unsigned char *ptn_buf, UINT32 ptn_len, UINT32 count, INT32 limit);
-int taz_load_str_str_map_ptns(ssmap_list_st *plist, const unsigned char *ptn_buf, UINT32 ptn_len, UINT32 count, INT32 limit);
-void taz_unload_str_int_map_ptns(simap_list_st *plist, INT32 limit);
-void taz_unload_str_ipv6_map_ptns(sipv6map_list_st *plist, INT32 limit);
-void taz_unload_int_int_map_ptns(taz_pattern_st *ptn, INT32 limit);
-void taz_unload_ipv6_int_map_ptns(taz_pattern_st *ptn, INT32 limit);
-void taz_unload_int_str_map_ptns(ismap_list_st *plist, INT32 limit);
-void taz_unload_str_str_map_ptns(ssmap_list_st *plist, INT32 limit);
+ * Loaded and released by the section walk of taze_impl.cpp: one row of its
+ * dispatch table per family (families.h), all rows one list walk
+ * parameterised by the family's record layout. */
 
 /* ---- Info sections (rules, clean, protocols, severity, pattern info,
  * threat types, second-kind name) -> 0 or -1. Unloaders are harmless the

@@ -274,8 +274,8 @@ bool default_list(LeCursor c, UINT32 count, taz_risk_info_st &inbound, taz_risk_
     for (UINT32 i = 0; i < count; ++i) {
         taz_risk_info_st r{};
         if (!read_record(c, [&r](LeCursor &fc) { return read_risk(fc, r); })) return false;
-        if (r.direction == 2) inbound = r;
-        else if (r.direction == 3) outbound = r;
+        if (r.direction == TAZ_DIR_INBOUND) inbound = r;
+        else if (r.direction == TAZ_DIR_OUTBOUND) outbound = r;
     }
     return true;
 }
@@ -483,7 +483,7 @@ int taz_clean_parameter_check(const taz_clean_info_st *ci, UINT32 protocol, UINT
 {
     if (!ci || !target) return -1;
     if (protocol > ci->protocol.port_h || protocol < ci->protocol.port_l) return 0;
-    if (ci->direction != 1 && ci->direction != direction) return 0;
+    if (ci->direction != TAZ_DIR_ANY && ci->direction != direction) return 0;
     if (ci->target == 0) return 0;
     *target = ci->target;
     return 1;
@@ -518,7 +518,7 @@ const taz_known_risk_info_st *first_fit(const taz_known_risk_info_st *arr, UINT3
 {
     for (UINT32 i = 0; arr && i < nr; ++i) {
         const taz_known_risk_info_st &k = arr[i];
-        if ((k.info.direction == direction || k.info.direction == 1) && k.protocol_ranges.port_ranges &&
+        if ((k.info.direction == direction || k.info.direction == TAZ_DIR_ANY) && k.protocol_ranges.port_ranges &&
             port_rng_list_search(static_cast<unsigned short>(protocol), &k.protocol_ranges) == 1)
             return &k;
     }
@@ -536,8 +536,8 @@ int give_risk(const taz_risk_info_st &r, UINT32 *policy_id, UINT32 *severity)
 int give_default(UINT32 direction, const taz_risk_info_st &inbound, const taz_risk_info_st &outbound,
                  UINT32 *policy_id, UINT32 *severity)
 {
-    if (direction == 2) return give_risk(inbound, policy_id, severity);
-    if (direction == 3) return give_risk(outbound, policy_id, severity);
+    if (direction == TAZ_DIR_INBOUND) return give_risk(inbound, policy_id, severity);
+    if (direction == TAZ_DIR_OUTBOUND) return give_risk(outbound, policy_id, severity);
     return -1;
 }
 

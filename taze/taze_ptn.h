@@ -25,6 +25,9 @@ typedef struct taz_pattern_hdr_st {
     UINT32 count;
 } taz_pattern_hdr_st;
 
+/* Direction codes of clean entries and the risk tables. */
+enum taz_direction_e { TAZ_DIR_ANY = 1, TAZ_DIR_INBOUND = 2, TAZ_DIR_OUTBOUND = 3 };
+
 typedef struct taz_clean_info_st {
     port_rng_st protocol;
     UINT32 priority;

@@ -205,13 +205,13 @@ int search_list(TAZE *h, int idx, Key key, int ptntype, int (*search)(Key, const
 /* ---- map lists ----------------------------------------------------------- */
 
 template <typename List>
-int select_map_list(Pattern *ptn, int map_type, int magic, List **list)
+int select_map_list(Pattern *ptn, int map_type, int list_number, List **list)
 {
     if (!ptn || !list) return PARA_ERR;
     UINT32 count = 0;
     List *all = family_lists<List>(ptn, map_type, &count);
-    if (magic < 0 || static_cast<UINT32>(magic) >= count || !all) return PARA_ERR;
-    *list = &all[magic];
+    if (list_number < 0 || static_cast<UINT32>(list_number) >= count || !all) return PARA_ERR;
+    *list = &all[list_number];
     return 0;
 }
 
@@ -250,20 +250,20 @@ using SSMap = MapFamily<ssmap_list_st, TAZE_StringStringMap, TAZE_PatternGetSSMa
 /* The families without strings take no map type; their functions pass this. */
 constexpr int kNoMapType = MT_STRING;
 
-/* Runs op on map list `magic` of the kind ptn_type, or returns the
+/* Runs op on map list `list_number` of the kind ptn_type, or returns the
  * PARA_ERR of choosing the kind or the list. An op that also takes the
  * image gets it (the key searches narrow the list with its index). */
 template <typename F, typename Op>
-int with_map_list(TAZE *h, int ptn_type, int map_type, int magic, Op op)
+int with_map_list(TAZE *h, int ptn_type, int map_type, int list_number, Op op)
 {
     Pattern *ptn = nullptr;
     int r = TAZE_PatternGetByType(h, ptn_type, &ptn);
     if (r != 0) return r;
     typename F::List *list = nullptr;
     if constexpr (std::is_invocable_v<decltype(F::select), Pattern *, int, int, int, typename F::List **>)
-        r = F::select(ptn, ptn_type, map_type, magic, &list);
+        r = F::select(ptn, ptn_type, map_type, list_number, &list);
     else
-        r = F::select(ptn, ptn_type, magic, &list);
+        r = F::select(ptn, ptn_type, list_number, &list);
     if (r != 0) return r;
     if constexpr (std::is_invocable_v<Op, const typename F::List *, const Pattern *>)
         return op(static_cast<const typename F::List *>(list), static_cast<const Pattern *>(ptn));
@@ -304,9 +304,9 @@ int fill_result(typename F::Result *result, const typename F::Entry *entry)
 }
 
 template <typename F, typename K, typename V>
-int map_search(TAZE *h, int ptn_type, int map_type, int magic, K key, V value)
+int map_search(TAZE *h, int ptn_type, int map_type, int list_number, K key, V value)
 {
-    return with_map_list<F>(h, ptn_type, map_type, magic, [&](const typename F::List *all, const Pattern *ptn) {
+    return with_map_list<F>(h, ptn_type, map_type, list_number, [&](const typename F::List *all, const Pattern *ptn) {
         typename F::List one{};
         const typename F::List *list = taze::fast::narrow(ptn, all, key_arg(key), map_type, one);
         if constexpr (std::is_same_v<V, const char *>) {
@@ -328,9 +328,9 @@ int map_search(TAZE *h, int ptn_type, int map_type, int magic, K key, V value)
 }
 
 template <typename F, typename K>
-int map_by_key(TAZE *h, int ptn_type, int map_type, int magic, K key, typename F::Result *result)
+int map_by_key(TAZE *h, int ptn_type, int map_type, int list_number, K key, typename F::Result *result)
 {
-    return with_map_list<F>(h, ptn_type, map_type, magic, [&](const typename F::List *all, const Pattern *ptn) {
+    return with_map_list<F>(h, ptn_type, map_type, list_number, [&](const typename F::List *all, const Pattern *ptn) {
         typename F::List one{};
         const typename F::List *list = taze::fast::narrow(ptn, all, key_arg(key), map_type, one);
         return result ? fill_result<F>(result, find_entry<F>(list, key_arg(key), map_type)) : PARA_ERR;
@@ -338,16 +338,16 @@ int map_by_key(TAZE *h, int ptn_type, int map_type, int magic, K key, typename F
 }
 
 template <typename F>
-int map_count(TAZE *h, int ptn_type, int map_type, int magic)
+int map_count(TAZE *h, int ptn_type, int map_type, int list_number)
 {
-    return with_map_list<F>(h, ptn_type, map_type, magic,
+    return with_map_list<F>(h, ptn_type, map_type, list_number,
                             [](const typename F::List *list) { return static_cast<int>(list->*F::count); });
 }
 
 template <typename F>
-int map_by_index(TAZE *h, int ptn_type, int map_type, int magic, int index, typename F::Result *result)
+int map_by_index(TAZE *h, int ptn_type, int map_type, int list_number, int index, typename F::Result *result)
 {
-    return with_map_list<F>(h, ptn_type, map_type, magic, [&](const typename F::List *list) {
+    return with_map_list<F>(h, ptn_type, map_type, list_number, [&](const typename F::List *list) {
         if (!result) return PARA_ERR;
         const typename F::Entry *all = list->*F::entries;
         const bool inside = index >= 0 && static_cast<UINT32>(index) < list->*F::count && all;

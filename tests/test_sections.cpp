@@ -399,26 +399,6 @@ TEST(Hostile, MalformedSectionsFailCleanly)
     for (const auto &c : cases) EXPECT_EQ(bool(load(c.payload)), c.loads) << c.name;
 }
 
-TEST(Hostile, ReleasersLeaveRecordsEmpty)
-{
-    /* list 0 loads, list 1 is cut short: the whole family is left empty */
-    const Bytes kv = map_entries(std::vector<tazw::StrStrEntry>{{"k", {"v"}}});
-    const Bytes body = concat({list(0, 1, kv), list(1, 2, kv)});
-    ssmap_list_st recs[2] = {};
-    EXPECT_EQ(taz_load_str_str_map_ptns(recs, body.data(), UINT32(body.size()), 2, 2), -1);
-    for (const ssmap_list_st &r : recs) EXPECT_TRUE(r.nr_str_str_maps == 0 && r.str_str_maps == nullptr);
-    EXPECT_EQ(taz_load_str_str_map_ptns(recs, body.data(), UINT32(body.size()), 1, 2), 0);
-    taz_unload_str_str_map_ptns(recs, 0);
-    EXPECT_EQ(recs[0].nr_str_str_maps, 1u) << "limit 0 releases nothing";
-    taz_unload_str_str_map_ptns(recs, 2);
-    taz_unload_str_str_map_ptns(recs, 2);
-    EXPECT_TRUE(recs[0].nr_str_str_maps == 0 && recs[0].str_str_maps == nullptr);
-
-    EXPECT_EQ(taz_load_str_str_map_ptns(recs, body.data(), UINT32(body.size()), 1, -1), 0);
-    EXPECT_EQ(recs[0].nr_str_str_maps, 0u) << "no records: every list skipped";
-    taz_unload_string_ptns(nullptr, 1);
-}
-
 /* A death-test pattern matching the text literally. */
 [[maybe_unused]] std::string literally(const std::string &text)
 {
