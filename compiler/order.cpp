@@ -4,13 +4,14 @@
 
 #include "tazewriter.h"
 #include "families.h"
+#include "format.h"
 
 namespace tazw {
 
 namespace {
 
 /* ASCII-only folding; every other byte stays as it is. */
-constexpr std::uint8_t fold(std::uint8_t c) { return (c >= 'A' && c <= 'Z') ? std::uint8_t(c + 0x20) : c; }
+constexpr std::uint8_t fold(std::uint8_t c) { return taze::fold_ascii(c); }
 constexpr std::uint8_t same(std::uint8_t c) { return c; }
 
 /* Forward order of the C string functions: the text ends at its first NUL. */

@@ -11,6 +11,7 @@
 
 #include "taze.h"
 #include "taze_query.h"
+#include "format.h"
 #include "taze_fast.h"
 #include "taze_file.h"
 #include "taze_util.h"
@@ -72,14 +73,7 @@ int load_newest(TAZE *h, LIST_HEAD *head)
     return rc;
 }
 
-/* "%d.%05d.%02d" from product, version and build, cut to size - 1. */
-int version_text(UINT32 v, char *buf, int size)
-{
-    snprintf(buf, static_cast<std::size_t>(size), KORM_VERSION_FORMAT, static_cast<int>(KORM_GET_PATTERN_PRO(v)),
-             static_cast<int>(KORM_GET_PATTERN_VER(v)), static_cast<int>(KORM_GET_PATTERN_BLD(v)));
-    buf[size - 1] = '\0';
-    return 0;
-}
+using taze::version_text;
 
 void set_debug_mask(unsigned int mask) { debugLevel = mask; }
 

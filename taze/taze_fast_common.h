@@ -25,6 +25,7 @@
 #define TAZE_FAST_COMMON_H
 
 #include "taze_fast.h"
+#include "format.h"
 
 #include <algorithm>
 #include <array>
@@ -121,16 +122,9 @@ inline void prefetch(const void *p) { __builtin_prefetch(p); }
 
 // ---- Folding and words -------------------------------------------------------------
 
-using ByteMap = std::array<unsigned char, 256>;
-constexpr ByteMap make_map(bool fold)
-{
-    ByteMap m{};
-    for (unsigned c = 0; c < 256; ++c) m[c] = static_cast<unsigned char>(fold && c - 'A' < 26u ? c | 0x20u : c);
-    return m;
-}
-constexpr ByteMap kFolded = make_map(true);
-constexpr ByteMap kIdentity = make_map(false);
-static_assert(kFolded['Q'] == 'q' && kFolded['@'] == '@' && kFolded['['] == '[' && kFolded[0xD6] == 0xD6);
+using taze::ByteMap;
+inline constexpr const ByteMap &kFolded = taze::kFoldTable;
+constexpr ByteMap kIdentity = taze::make_byte_map(false);
 inline const ByteMap &byte_map(bool fold) { return fold ? kFolded : kIdentity; }
 
 inline std::uint64_t load_be64(const unsigned char *p)

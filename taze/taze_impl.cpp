@@ -19,6 +19,7 @@
 #include <unistd.h>
 
 #include "byteorder.h"
+#include "format.h"
 #include "taze_fast.h"
 #include "vk_platform.h"
 
@@ -34,11 +35,8 @@ constexpr std::uint64_t kListHeader = sizeof(taz_pattern_hdr_st);
 static_assert(kSectionHeader == 16 && kListHeader == 12, "on-disk header sizes");
 static_assert(sizeof(ipv6_st) == 16, "an IPv6 address is stored as 16 bytes");
 
-/* On top of the payload length, how many list records, and separately how
- * many list entries and map values, one image may allocate. A compiled pattern
- * numbers its lists densely and spends at least four bytes on every entry, so
- * it stays far below both; a small hostile file cannot allocate gigabytes. */
-constexpr std::uint64_t kAllowance = std::uint64_t(1) << 20;
+using taze::kAllowance;
+using taze::read_field;
 
 struct Budget {
     std::uint64_t records;
@@ -84,11 +82,6 @@ bool args_ok(const void *first, const unsigned char *ptn_buf, UINT32 ptn_len)
 }
 
 /* ---- Fields ------------------------------------------------------------------ */
-bool read_field(LeCursor &c, UINT16 &v) { return c.u16(v); }
-bool read_field(LeCursor &c, UINT32 &v) { return c.u32(v); }
-bool read_field(LeCursor &c, ipv6_st &v) { return c.bytes(v.bytes, sizeof v.bytes); }
-/* Map keys and string values: the terminator must lie in the section too. */
-bool read_field(LeCursor &c, counted_string_t &v) { return c.str(v, true); }
 
 /* Fewest bytes a field occupies on disk. */
 template <typename T>
@@ -285,18 +278,10 @@ template <typename L>
 bool walk_lists(typename L::record *recs, std::uint64_t usable, const unsigned char *ptn_buf, UINT32 ptn_len,
                 UINT32 count, Scope &s)
 {
-    LeCursor c(ptn_buf, ptn_len);
-    std::uint64_t off = 0;
-    for (UINT32 k = 0; k < count; ++k) {
-        c.seek(off);
-        UINT32 number = 0, size = 0, n = 0;
-        if (!c.list_header(number, size, n)) return false;
-        off += kListHeader + size;
-        if (!c.within(off)) return false;
+    return taze::walk_list_headers(ptn_buf, ptn_len, count, [&](UINT32 number, UINT32, UINT32 n, LeCursor &c) {
         /* Lists numbered beyond the records, and empty lists, are skipped. */
-        if (number < usable && n != 0 && !load_list<L>(recs[number], c, n, s)) return false;
-    }
-    return true;
+        return !(number < usable && n != 0) || load_list<L>(recs[number], c, n, s);
+    });
 }
 
 /* (first argument, list records, section body, section size, list count,
@@ -553,18 +538,12 @@ void ulm_pattern_init(taz_pattern_st *ptn)
 UINT32 taz_get_max_list_count(const unsigned char *ptn_buf, UINT32 ptn_len, UINT32 count)
 {
     if (ptn_buf == nullptr) return 0;
-    LeCursor c(ptn_buf, ptn_len);
     UINT32 max = 0;
-    std::uint64_t off = 0;
-    for (UINT32 k = 0; k < count; ++k) {
-        c.seek(off);
-        UINT32 number = 0, size = 0, n = 0;
-        if (!c.list_header(number, size, n)) return 0;
-        off += kListHeader + size;
-        if (!c.within(off)) return 0;
+    const bool whole = taze::walk_list_headers(ptn_buf, ptn_len, count, [&max](UINT32 number, UINT32, UINT32, LeCursor &) {
         max = std::max(max, UINT32(number + 1u));
-    }
-    return max;
+        return true;
+    });
+    return whole ? max : 0;
 }
 
 /* The second kind's name section: lists of (length, name, terminator). A
@@ -572,24 +551,18 @@ UINT32 taz_get_max_list_count(const unsigned char *ptn_buf, UINT32 ptn_len, UINT
 int taz_load_ulm_info_ptns(taz_pattern_st *ptn, const unsigned char *ptn_buf, UINT32 ptn_len, UINT32 count)
 {
     if (!args_ok<Pre::ByImage>(ptn, ptn_buf, ptn_len)) return -1;
-    LeCursor c(ptn_buf, ptn_len);
-    std::uint64_t off = 0;
-    for (UINT32 k = 0; k < count; ++k) {
-        c.seek(off);
-        UINT32 magic = 0, size = 0, n = 0;
-        if (!c.list_header(magic, size, n)) return -1;
-        off += kListHeader + size;
-        if (!c.within(off)) return -1;
-        if (n == 0) continue;
+    const bool ok = taze::walk_list_headers(ptn_buf, ptn_len, count, [ptn](UINT32 magic, UINT32, UINT32 n, LeCursor &c) {
+        if (n == 0) return true;
         if (magic == MAGIC_TAZE_PATTERN_ULM_INFO) {
             counted_string_t name{};
-            if (!c.str(name, true)) return -1;
+            if (!c.str(name, true)) return false;
             ptn->ulm_info.malname = name.ptr;
         } else {
             VK_DEBUG_PRINTF(VKDEBUG_ERR, "BUG: Un-recognized pattern info pattern header magic: %08x", magic);
         }
-    }
-    return 0;
+        return true;
+    });
+    return ok ? 0 : -1;
 }
 
 #ifndef MADV_POPULATE_WRITE

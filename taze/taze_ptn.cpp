@@ -11,6 +11,7 @@
 #include <type_traits>
 
 #include "byteorder.h"
+#include "format.h"
 #include "tazapi.h"
 #include "taze_impl.h"
 #include "taze_ptn.h"
@@ -31,7 +32,7 @@ constexpr std::uint64_t kMinStride = 4;
  * so without a cap every record of a small section could claim an array as
  * long as the rest of the section, and the section would allocate the
  * square of its size. A well-formed section stays far below this. */
-constexpr std::uint64_t kAllowance = std::uint64_t(1) << 20;
+using taze::kAllowance;
 
 /* The allowance left to the section being loaded on this thread (null
  * outside a section loader). */
@@ -69,8 +70,7 @@ static_assert(sizeof(taz_threat_type_info_st) * 2 == kThreatTypeSlot, "threat ty
 
 /* ---- Field readers ------------------------------------------------------ */
 
-bool read_field(LeCursor &c, UINT16 &v) { return c.u16(v); }
-bool read_field(LeCursor &c, UINT32 &v) { return c.u32(v); }
+using taze::read_field;
 /* A string: u32 byte count, the bytes, a terminator byte that must lie in
  * the section (its value is not looked at). The pointer is the first byte. */
 bool read_field(LeCursor &c, Str &v)
@@ -222,17 +222,10 @@ void release_known(taz_known_risk_info_st &k)
 template <typename OnList>
 int walk_lists(const unsigned char *buf, UINT32 len, UINT32 m, OnList &&on_list)
 {
-    LeCursor c(buf, len);
-    for (UINT32 i = 0; i < m; ++i) {
-        const std::uint64_t start = c.pos();
-        UINT32 magic = 0, size = 0, count = 0;
-        if (!c.list_header(magic, size, count)) return -1;
-        const std::uint64_t next = start + 12 + std::uint64_t(size);
-        if (!c.within(next)) return -1;
-        if (count != 0 && !on_list(magic, count, LeCursor(buf, len, c.pos()))) return -1;
-        c.seek(next);
-    }
-    return 0;
+    const bool ok = taze::walk_list_headers(buf, len, m, [&](UINT32 magic, UINT32, UINT32 count, LeCursor &c) {
+        return count == 0 || on_list(magic, count, LeCursor(buf, len, c.pos()));
+    });
+    return ok ? 0 : -1;
 }
 
 enum class MagicText { PatternInfo, ThreatType };

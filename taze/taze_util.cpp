@@ -4,6 +4,7 @@
 // Case folding is ASCII only and does not depend on the locale; bytes always
 // compare as unsigned values. Sorted lists are searched by the one bisection
 // of bisect.h, substring rules by a scan of the entries in stored order.
+#include "format.h"
 #include "taze_util.h"
 
 #include <algorithm>
@@ -24,20 +25,7 @@ using Finder = const unsigned char *(*)(const counted_string_t *, const counted_
 
 // ---- Case folding -----------------------------------------------------------
 
-constexpr unsigned char fold_ascii(unsigned char c)
-{
-    return (c >= 'A' && c <= 'Z') ? static_cast<unsigned char>(c + 0x20) : c;
-}
-
-constexpr std::array<unsigned char, 256> make_fold_table()
-{
-    std::array<unsigned char, 256> t{};
-    for (unsigned i = 0; i < 256; ++i) t[i] = fold_ascii(static_cast<unsigned char>(i));
-    return t;
-}
-constexpr std::array<unsigned char, 256> kFold = make_fold_table();
-static_assert(kFold['A'] == 'a' && kFold['Z'] == 'z' && kFold['a'] == 'a');
-static_assert(kFold['@'] == '@' && kFold['['] == '[' && kFold[0xC4] == 0xC4);
+constexpr const taze::ByteMap &kFold = taze::kFoldTable;
 
 struct Folded {
     static int at(const unsigned char *p) { return kFold[*p]; }

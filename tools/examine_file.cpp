@@ -10,6 +10,7 @@
 #include <cstring>
 
 #include "byteorder.h"
+#include "format.h"
 #include "taze_impl.h"
 #include "tazeptn.h"
 #include "vkerror.h"
@@ -18,13 +19,7 @@ namespace tazi {
 
 /* ---- texts ------------------------------------------------------------------ */
 
-std::string version_text(std::uint32_t v)
-{
-    char buf[32];
-    std::snprintf(buf, sizeof buf, KORM_VERSION_FORMAT, int(KORM_GET_PATTERN_PRO(v)), int(KORM_GET_PATTERN_VER(v)),
-                  int(KORM_GET_PATTERN_BLD(v)));
-    return buf;
-}
+std::string version_text(std::uint32_t v) { return taze::version_text(v); }
 
 std::string magic_text(std::uint32_t magic)
 {
