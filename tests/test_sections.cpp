@@ -375,6 +375,8 @@ TEST(Hostile, MalformedSectionsFailCleanly)
         bool loads;
     } cases[] = {
         {"list size past 32 bits", str_section(1, raw_list(0, 0xFFFFFFF8u, 1, LeBuf().str("a"))), false},
+        {"list size one byte past the section", str_section(1, raw_list(0, 7, 1, LeBuf().str("a"))), false},
+        {"list size ending at the section end", str_section(1, raw_list(0, 6, 1, LeBuf().str("a"))), true},
         {"string length 0xFFFFFFFF", str_section(1, raw_list(0, 8, 1, LeBuf().u32(0xFFFFFFFFu).u32(0))), false},
         {"huge string count", str_section(1, list(0, 0xFFFFFFFFu, string_entries({"a"}))), false},
         {"huge list count", str_section(0xFFFFFFFFu, strs(0, {"a"})), false},
