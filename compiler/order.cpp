@@ -3,14 +3,15 @@
 #include <algorithm>
 
 #include "tazewriter.h"
-#include "taze_impl.h"
+#include "families.h"
+#include "format.h"
 
 namespace tazw {
 
 namespace {
 
 /* ASCII-only folding; every other byte stays as it is. */
-constexpr std::uint8_t fold(std::uint8_t c) { return (c >= 'A' && c <= 'Z') ? std::uint8_t(c + 0x20) : c; }
+constexpr std::uint8_t fold(std::uint8_t c) { return taze::fold_ascii(c); }
 constexpr std::uint8_t same(std::uint8_t c) { return c; }
 
 /* Forward order of the C string functions: the text ends at its first NUL. */
@@ -46,20 +47,13 @@ bool backward_less(std::string_view a, std::string_view b)
 
 Order order_for_list_section(std::uint32_t section_magic)
 {
-    switch (section_magic) {
-    case MAGIC_TAZE_PATTERN_STR:
-    case MAGIC_TAZE_PATTERN_STR_PREFIX:
-        return Order::Fold;
-    case MAGIC_TAZE_PATTERN_STR_SUFFIX:
-        return Order::FoldReversed;
-    case MAGIC_TAZE_PATTERN_STR_CASE:
-    case MAGIC_TAZE_PATTERN_STR_PREFIX_CASE:
-        return Order::Bytewise;
-    case MAGIC_TAZE_PATTERN_STR_SUFFIX_CASE:
-        return Order::BytewiseReversed;
-    default: /* substring lists are scanned */
-        return Order::Any;
-    }
+    /* String lists only: their key rule and case rule (families.h). */
+    const taze::FamilyRow *f = taze::family_row(section_magic);
+    if (f == nullptr || f->layout != taze::Layout::Strings || f->key_rule == taze::Rule::Substr)
+        return Order::Any; /* substring lists are scanned */
+    const bool backward = f->key_rule == taze::Rule::Suffix;
+    if (f->case_rule == taze::Case::Sensitive) return backward ? Order::BytewiseReversed : Order::Bytewise;
+    return backward ? Order::FoldReversed : Order::Fold;
 }
 
 Order order_for_rule(unsigned rule)

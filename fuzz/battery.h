@@ -268,12 +268,12 @@ private:
     {
         const UINT32 count = taz_rule_count(img);
         for (UINT32 i = 0; i <= std::min(count, kMaxRecords); ++i) {
-            take(taz_rule_index_desc(i, img));
-            take(taz_rule_index_risk_type(i, img));
-            take(taz_rule_index_risk_type_group(i, img));
-            take(taz_rule_index_confidence_level(i, img));
-            take(taz_rule_index_enable(i, img));
-            rule_id(img, taz_rule_index_rule_id(i, img));
+            take(taz_rule_index_desc(img, i));
+            take(taz_rule_index_risk_type(img, i));
+            take(taz_rule_index_risk_type_group(img, i));
+            take(taz_rule_index_confidence_level(img, i));
+            take(taz_rule_index_enable(img, i));
+            rule_id(img, taz_rule_index_rule_id(img, i));
         }
         rule_id(img, p_.number);
         const taz_threat_type_info_list_st &tt = img->threat_type_info;
@@ -297,18 +297,18 @@ private:
     {
         const UINT32 np = taz_protocol_count(img), ng = taz_protocol_group_count(img);
         for (UINT32 i = 0; i <= std::min(np, kMaxRecords); ++i) {
-            const UINT32 id = taz_protocol_index_id(i, img);
-            take(taz_protocol_index_desc(i, img));
-            take(taz_protocol_index_group_id(i, img));
+            const UINT32 id = taz_protocol_index_id(img, i);
+            take(taz_protocol_index_desc(img, i));
+            take(taz_protocol_index_group_id(img, i));
             take(taz_protocol_id_desc(img, id));
             take(taz_protocol_id_group_id(img, id));
         }
         for (UINT32 g = 0; g <= std::min(ng, kMaxRecords); ++g) {
-            const UINT32 id = taz_protocol_group_index_id(g, img);
-            take(taz_protocol_group_index_desc(g, img));
-            const UINT32 members = taz_protocol_group_index_protocol_count(g, img);
+            const UINT32 id = taz_protocol_group_index_id(img, g);
+            take(taz_protocol_group_index_desc(img, g));
+            const UINT32 members = taz_protocol_group_index_protocol_count(img, g);
             for (UINT32 m = 0; m <= std::min(members, kMaxRecords); ++m) {
-                take(taz_protocol_group_index_protocol_index(g, m, img));
+                take(taz_protocol_group_index_protocol_index(img, g, m));
                 take(taz_protocol_group_id_protocol_index_id(img, id, m));
             }
             take(taz_protocol_group_id_desc(img, id));

@@ -26,7 +26,7 @@ using tazw::Bytes;
 /* ---- section kinds ----------------------------------------------------------- */
 
 /* Layout of the entries of a list, range or map section. */
-enum class Shape { Strings, Ip, Ipv6, Port, StrInt, StrIpv6, IntInt, Ipv6Int, IntStr, StrStr };
+using Shape = taze::Layout;
 
 struct ListKind {
     std::uint32_t magic;
@@ -36,53 +36,21 @@ struct ListKind {
     bool main_only;      /* the second kind skips it */
 };
 
-/* Every list, range and map section kind. String lists carry their own
- * order (see order_for_list_section); map rules give key and value orders. */
+/* Every list, range and map section kind (the library's family table).
+ * String lists carry their own order (see order_for_list_section); map
+ * rules give key and value orders. */
 inline const std::vector<ListKind> &list_kinds()
 {
-    static const std::vector<ListKind> kinds = {
-        {MAGIC_TAZE_PATTERN_STR, Shape::Strings, 0, 0, false},
-        {MAGIC_TAZE_PATTERN_STR_PREFIX, Shape::Strings, 0, 0, false},
-        {MAGIC_TAZE_PATTERN_STR_SUFFIX, Shape::Strings, 0, 0, false},
-        {MAGIC_TAZE_PATTERN_STR_SUBSTR, Shape::Strings, 0, 0, false},
-        {MAGIC_TAZE_PATTERN_STR_CASE, Shape::Strings, 0, 0, false},
-        {MAGIC_TAZE_PATTERN_STR_PREFIX_CASE, Shape::Strings, 0, 0, true},
-        {MAGIC_TAZE_PATTERN_STR_SUFFIX_CASE, Shape::Strings, 0, 0, true},
-        {MAGIC_TAZE_PATTERN_STR_SUBSTR_CASE, Shape::Strings, 0, 0, true},
-        {MAGIC_TAZE_PATTERN_IP, Shape::Ip, 0, 0, false},
-        {MAGIC_TAZE_PATTERN_IPV6, Shape::Ipv6, 0, 0, false},
-        {MAGIC_TAZE_PATTERN_PORT, Shape::Port, 0, 0, false},
-        {MAGIC_TAZE_PATTERN_STR_INT_MAP, Shape::StrInt, 0, 0, false},
-        {MAGIC_TAZE_PATTERN_PREFIX_INT_MAP, Shape::StrInt, 1, 0, false},
-        {MAGIC_TAZE_PATTERN_SUFFIX_INT_MAP, Shape::StrInt, 2, 0, false},
-        {MAGIC_TAZE_PATTERN_SUBSTR_INT_MAP, Shape::StrInt, 3, 0, false},
-        {MAGIC_TAZE_PATTERN_INT_INT_MAP, Shape::IntInt, 0, 0, false},
-        {MAGIC_TAZE_PATTERN_INT_STR_MAP, Shape::IntStr, 0, 0, false},
-        {MAGIC_TAZE_PATTERN_INT_PREFIX_MAP, Shape::IntStr, 0, 1, false},
-        {MAGIC_TAZE_PATTERN_INT_SUFFIX_MAP, Shape::IntStr, 0, 2, false},
-        {MAGIC_TAZE_PATTERN_INT_SUBSTR_MAP, Shape::IntStr, 0, 3, false},
-        {MAGIC_TAZE_PATTERN_STR_STR_MAP, Shape::StrStr, 0, 0, false},
-        {MAGIC_TAZE_PATTERN_STR_PREFIX_MAP, Shape::StrStr, 0, 1, false},
-        {MAGIC_TAZE_PATTERN_STR_SUFFIX_MAP, Shape::StrStr, 0, 2, false},
-        {MAGIC_TAZE_PATTERN_STR_SUBSTR_MAP, Shape::StrStr, 0, 3, false},
-        {MAGIC_TAZE_PATTERN_PREFIX_STR_MAP, Shape::StrStr, 1, 0, false},
-        {MAGIC_TAZE_PATTERN_PREFIX_PREFIX_MAP, Shape::StrStr, 1, 1, false},
-        {MAGIC_TAZE_PATTERN_PREFIX_SUFFIX_MAP, Shape::StrStr, 1, 2, false},
-        {MAGIC_TAZE_PATTERN_PREFIX_SUBSTR_MAP, Shape::StrStr, 1, 3, false},
-        {MAGIC_TAZE_PATTERN_SUFFIX_STR_MAP, Shape::StrStr, 2, 0, false},
-        {MAGIC_TAZE_PATTERN_SUFFIX_PREFIX_MAP, Shape::StrStr, 2, 1, false},
-        {MAGIC_TAZE_PATTERN_SUFFIX_SUFFIX_MAP, Shape::StrStr, 2, 2, false},
-        {MAGIC_TAZE_PATTERN_SUFFIX_SUBSTR_MAP, Shape::StrStr, 2, 3, false},
-        {MAGIC_TAZE_PATTERN_SUBSTR_STR_MAP, Shape::StrStr, 3, 0, false},
-        {MAGIC_TAZE_PATTERN_SUBSTR_PREFIX_MAP, Shape::StrStr, 3, 1, false},
-        {MAGIC_TAZE_PATTERN_SUBSTR_SUFFIX_MAP, Shape::StrStr, 3, 2, false},
-        {MAGIC_TAZE_PATTERN_SUBSTR_SUBSTR_MAP, Shape::StrStr, 3, 3, false},
-        {MAGIC_TAZE_PATTERN_STR_IPV6_MAP, Shape::StrIpv6, 0, 0, false},
-        {MAGIC_TAZE_PATTERN_PREFIX_IPV6_MAP, Shape::StrIpv6, 1, 0, false},
-        {MAGIC_TAZE_PATTERN_SUFFIX_IPV6_MAP, Shape::StrIpv6, 2, 0, false},
-        {MAGIC_TAZE_PATTERN_SUBSTR_IPV6_MAP, Shape::StrIpv6, 3, 0, false},
-        {MAGIC_TAZE_PATTERN_IPV6_INT_MAP, Shape::Ipv6Int, 0, 0, false},
-    };
+    static const std::vector<ListKind> kinds = [] {
+        const auto rule = [](taze::Rule r) { return r == taze::Rule::None ? 0u : unsigned(r); };
+        std::vector<ListKind> v;
+        for (const taze::FamilyRow &f : taze::kFamilies)
+            if (f.layout == Shape::Strings)
+                v.push_back(ListKind{f.magic, f.layout, 0, 0, f.kinds == taze::Main});
+            else
+                v.push_back(ListKind{f.magic, f.layout, rule(f.key_rule), rule(f.value_rule), f.kinds == taze::Main});
+        return v;
+    }();
     return kinds;
 }
 

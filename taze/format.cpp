@@ -1,6 +1,7 @@
 /* The pattern format, decoded in one place for the library and the tools. */
 #include "format.h"
 
+#include <cstdio>
 #include <cstring>
 
 #include "readptn.h"
@@ -56,6 +57,23 @@ bool body_lengths_valid(const ENCHEAD &e, std::uint16_t enctype)
     if (e.declen > e.enclen) return false;
     if (enctype == KORM_ENC_TFSH_MD5 && (e.enclen < 32u || e.enclen % 16u != 0u)) return false;
     return true;
+}
+
+/* ---- Payload ---- */
+
+int version_text(std::uint32_t v, char *buf, int size)
+{
+    std::snprintf(buf, static_cast<std::size_t>(size), KORM_VERSION_FORMAT, static_cast<int>(KORM_GET_PATTERN_PRO(v)),
+                  static_cast<int>(KORM_GET_PATTERN_VER(v)), static_cast<int>(KORM_GET_PATTERN_BLD(v)));
+    buf[size - 1] = '\0';
+    return 0;
+}
+
+std::string version_text(std::uint32_t v)
+{
+    char buf[32];
+    version_text(v, buf, sizeof buf);
+    return buf;
 }
 
 /* ---- Directory candidates ---- */

@@ -10,6 +10,8 @@
 #include <type_traits>
 
 #include "taze.h"
+#include "taze_query.h"
+#include "format.h"
 #include "taze_fast.h"
 #include "taze_file.h"
 #include "taze_util.h"
@@ -24,376 +26,10 @@ VK_EXPORT unsigned int debugLevel = 0;
 
 namespace {
 
-using Pattern = taz_pattern_st;
-
 /* The shortest version text, "0.00000.00", with its terminator. */
 constexpr int kVersionTextMin = 11;
 
-const unsigned char *as_bytes(const char *s) { return reinterpret_cast<const unsigned char *>(s); }
-
-/* Search keys: host strings become byte strings, everything else passes. */
-const unsigned char *key_arg(const char *s) { return as_bytes(s); }
-template <typename T>
-T key_arg(T v)
-{
-    return v;
-}
-
-/* ---- choosing the pattern -------------------------------------------- */
-
-/* The plain queries use the current pattern. */
-const Pattern *current_pattern(const TAZE *h)
-{
-    return (h && h->pTAZPattern) ? h->pTAZPattern->cur_ptn : nullptr;
-}
-
-/* The Ex queries use the kind that ptn_type names. */
-const Pattern *pattern_of_kind(TAZE *h, unsigned int ptn_type)
-{
-    return _TAZE_GetPatternByPatternType(h, ptn_type);
-}
-
-/* The lookups take the pattern either first or last; call one either way. */
-template <typename Fn, typename... A>
-auto call_lookup(Fn fn, const Pattern *sp, A... a)
-{
-    if constexpr (std::is_invocable_v<Fn, const Pattern *, A...>)
-        return fn(sp, a...);
-    else
-        return fn(a..., sp);
-}
-
-/* ---- query shapes --------------------------------------------------------
- * Each shape takes the chosen pattern (null when the handle, its record, the
- * kind or the image is missing), the lookup, the outputs and then the keys
- * that the lookup takes besides the pattern. */
-
-/* Numeric getters: PARA_ERR without a pattern or an output, else 0 and the
- * lookup's value (0 for an index or id that is absent). */
-template <typename Fn, typename... K>
-int number(const Pattern *sp, Fn fn, unsigned int *out, K... keys)
-{
-    if (!sp || !out) return PARA_ERR;
-    *out = call_lookup(fn, sp, keys...);
-    return 0;
-}
-
-/* Stores a copy that the caller frees: 0, or NO_MEM_ERR with *out null. */
-int copy_text(const unsigned char *text, char **out)
-{
-    *out = strdup(reinterpret_cast<const char *>(text));
-    return *out ? 0 : NO_MEM_ERR;
-}
-
-/* A copy, or null when there is no text (or no memory for it). */
-char *copy_or_null(const unsigned char *text)
-{
-    return text ? strdup(reinterpret_cast<const char *>(text)) : nullptr;
-}
-
-/* What a copying getter answers when the lookup has no text. */
-enum class Absent { Refused, Empty };
-
-/* Copying getters. *out must be null on entry, so that an earlier result
- * the caller has not freed yet is never overwritten. */
-template <Absent absent, typename Fn, typename... K>
-int text(const Pattern *sp, Fn fn, char **out, K... keys)
-{
-    if (!sp || !out || *out) return PARA_ERR;
-    const unsigned char *found = call_lookup(fn, sp, keys...);
-    if (!found) {
-        if constexpr (absent == Absent::Refused)
-            return PARA_ERR;
-        else
-            found = as_bytes("");
-    }
-    return copy_text(found, out);
-}
-
-/* Clean decisions: the lookup's 1 (clean, *target set) or 0; its -1 is a
- * parameter error here. */
-template <typename Fn, typename... K>
-int clean_check(const Pattern *sp, Fn fn, unsigned int *target, K... keys)
-{
-    if (!sp || !target) return PARA_ERR;
-    const int r = call_lookup(fn, sp, keys..., target);
-    return r < 0 ? PARA_ERR : r;
-}
-
-/* The rule form refuses rule id 0. */
-template <typename Fn>
-int rule_clean_check(const Pattern *sp, Fn fn, unsigned int *target, unsigned int id, unsigned int protocol,
-                     unsigned int direction)
-{
-    return id == 0 ? PARA_ERR : clean_check(sp, fn, target, id, protocol, direction);
-}
-
-/* Clean data: the lookup's failure stays -1 (also for a null output, which
- * the lookup refuses); otherwise the priority and copies of both strings.
- * The outputs are overwritten, not tested; a string that is absent (or an
- * unknown rule, which the lookup answers with 0 and no data) leaves a null
- * output and priority 0. */
-template <typename Fn, typename... K>
-int clean_data(const Pattern *sp, Fn fn, unsigned int *priority, char **src_ptn, char **dst_ptn, K... keys)
-{
-    if (!sp) return PARA_ERR;
-    UINT32 prio = 0;
-    const unsigned char *src = nullptr;
-    const unsigned char *dst = nullptr;
-    if (call_lookup(fn, sp, keys..., priority ? &prio : nullptr, src_ptn ? &src : nullptr,
-                    dst_ptn ? &dst : nullptr) != 0)
-        return UNKNOWN_ERR;
-    if (!priority || !src_ptn || !dst_ptn) return 0; /* unknown rule: nothing to hand out */
-    *priority = prio;
-    *src_ptn = copy_or_null(src);
-    *dst_ptn = copy_or_null(dst);
-    return 0;
-}
-
-/* The rule form refuses rule id 0. */
-template <typename Fn>
-int rule_clean_data(const Pattern *sp, Fn fn, unsigned int *priority, char **src_ptn, char **dst_ptn,
-                    unsigned int id)
-{
-    return id == 0 ? PARA_ERR : clean_data(sp, fn, priority, src_ptn, dst_ptn, id);
-}
-
-/* Risk: the lookup's 0 (outputs set) or -1. */
-template <typename Fn, typename... K>
-int risk_info(const Pattern *sp, Fn fn, unsigned int *policy_id, unsigned int *severity, K... keys)
-{
-    if (!sp) return PARA_ERR;
-    return call_lookup(fn, sp, keys..., policy_id, severity); /* null outputs: -1 */
-}
-
-/* ---- string and range lists ---------------------------------------------- */
-
-enum ListRule : unsigned {
-    kBothKinds = 0u,
-    kMainKindOnly = 1u, /* the second kind is never searched (answers 0) */
-    kKeyRequired = 2u,  /* a null key is a parameter error, not a miss */
-};
-
-/* One list search: the first rule that applies decides. */
-template <typename List, typename Key>
-int search_list(TAZE *h, int idx, Key key, int ptntype, List *Pattern::*lists, UINT32 Pattern::*count,
-                int (*search)(Key, const List *), unsigned rule)
-{
-    if (!h || !h->pTAZPattern) return PARA_ERR;
-    if constexpr (std::is_pointer_v<Key>) {
-        if ((rule & kKeyRequired) && !key) return PARA_ERR;
-    }
-    if (ptntype != PT_TAZ && ptntype != PT_ULM) return idx < 0 ? PARA_ERR : 0;
-    const Pattern *sp = ptntype == PT_TAZ ? h->pTAZPattern->taz_ptn : h->pTAZPattern->ulm_ptn;
-    if (!sp || idx < 0) return PARA_ERR;
-    if (ptntype == PT_ULM && (rule & kMainKindOnly)) return 0;
-    const List *all = sp->*lists;
-    if (static_cast<UINT32>(idx) >= sp->*count || !all) return 0;
-    return taze::fast::list_search(sp, &all[idx], key, search); /* the list's index, else search */
-}
-
-/* ---- map lists ----------------------------------------------------------- */
-
-/* One map list array of a family and the map type that selects it. */
-template <typename List>
-struct MapArray {
-    int map_type;
-    List *Pattern::*lists;
-    UINT32 Pattern::*count;
-};
-
-/* Array `name_lists` with its count `max_name_list_count`. */
-#define TAZE_MAP_ARRAY(type, name) {type, &taz_pattern_st::name##_lists, &taz_pattern_st::max_##name##_list_count}
-
-/* The four one-sided map types; the exact array is also that of every map
- * type not listed, so it comes first. */
-#define TAZE_ONE_SIDED_ARRAYS(exact, prefix, suffix, substr)                                          \
-    TAZE_MAP_ARRAY(MT_STRING, exact), TAZE_MAP_ARRAY(MT_PREFIX, prefix), TAZE_MAP_ARRAY(MT_SUFFIX, suffix), \
-        TAZE_MAP_ARRAY(MT_SUBSTR, substr)
-/* String-to-string arrays are named after the key rule, then the value rule. */
-#define TAZE_KEY_RULE_ARRAYS(rule, key)                                                                      \
-    TAZE_MAP_ARRAY(rule << 8 | 0, key##_str_map), TAZE_MAP_ARRAY(rule << 8 | 1, key##_prefix_map),           \
-        TAZE_MAP_ARRAY(rule << 8 | 2, key##_suffix_map), TAZE_MAP_ARRAY(rule << 8 | 3, key##_substr_map)
-static_assert(MT_SUFFIX_PREFIX == (2 << 8 | 1) && MT_SUBSTR_STRING == (3 << 8 | 0), "key rule, then value rule");
-
-constexpr MapArray<simap_list_st> kStrIntArrays[] = {
-    TAZE_ONE_SIDED_ARRAYS(str_int_map, prefix_int_map, suffix_int_map, substr_int_map)};
-constexpr MapArray<sipv6map_list_st> kStrIPv6Arrays[] = {
-    TAZE_ONE_SIDED_ARRAYS(string_ipv6_map, prefix_ipv6_map, suffix_ipv6_map, substr_ipv6_map)};
-constexpr MapArray<ismap_list_st> kIntStrArrays[] = {
-    TAZE_ONE_SIDED_ARRAYS(int_str_map, int_prefix_map, int_suffix_map, int_substr_map)};
-/* The first row (exact keys and values) is also that of every other value. */
-constexpr MapArray<ssmap_list_st> kStrStrArrays[] = {TAZE_KEY_RULE_ARRAYS(0, str), TAZE_KEY_RULE_ARRAYS(1, prefix),
-                                                     TAZE_KEY_RULE_ARRAYS(2, suffix),
-                                                     TAZE_KEY_RULE_ARRAYS(3, substr)};
-constexpr MapArray<ipv6imap_list_st> kIPv6IntArrays[] = {TAZE_MAP_ARRAY(MT_STRING, ipv6_int_map)};
-constexpr MapArray<iimap_list_st> kIntIntArrays[] = {TAZE_MAP_ARRAY(MT_STRING, int_int_map)};
-#undef TAZE_KEY_RULE_ARRAYS
-#undef TAZE_ONE_SIDED_ARRAYS
-#undef TAZE_MAP_ARRAY
-
-template <typename List, std::size_t N>
-int select_map_list(Pattern *ptn, int map_type, int magic, const MapArray<List> (&arrays)[N], List **list)
-{
-    if (!ptn || !list) return PARA_ERR;
-    const MapArray<List> *pick = &arrays[0];
-    for (const MapArray<List> &a : arrays) {
-        if (a.map_type == map_type) {
-            pick = &a;
-            break;
-        }
-    }
-    List *all = ptn->*(pick->lists);
-    if (magic < 0 || static_cast<UINT32>(magic) >= ptn->*(pick->count) || !all) return PARA_ERR;
-    *list = &all[magic];
-    return 0;
-}
-
-/* A map family: its list and entry records, the public record an entry is
- * copied into, the list selector and the two searches of taze_util.h. */
-template <typename L, typename E, typename R, E *L::*Entries, UINT32 L::*Count, auto Select, auto ByKey,
-          auto Search>
-struct MapFamily {
-    using List = L;
-    using Entry = E;
-    using Result = R;
-    static constexpr E *L::*entries = Entries;
-    static constexpr UINT32 L::*count = Count;
-    static constexpr auto select = Select;
-    static constexpr auto by_key = ByKey;
-    static constexpr auto search = Search;
-    static_assert(sizeof(R) == sizeof(E) && alignof(R) == alignof(E), "a result record mirrors its entry");
-    static_assert(std::is_standard_layout_v<R> && std::is_standard_layout_v<E> &&
-                      std::is_trivially_copyable_v<R> && std::is_trivially_copyable_v<E>,
-                  "a result record is filled by copying the entry's bytes");
-};
-
-using SIMap = MapFamily<simap_list_st, simap_st, TAZE_StringIntMap, &simap_list_st::str_int_maps,
-                        &simap_list_st::nr_str_int_maps, TAZE_PatternGetSIMapList, simap_list_search_by_key,
-                        simap_list_search>;
-using SIPv6Map = MapFamily<sipv6map_list_st, sipv6map_st, TAZE_StringIPv6Map, &sipv6map_list_st::str_ipv6_maps,
-                           &sipv6map_list_st::nr_str_ipv6_maps, TAZE_PatternGetSIPv6MapList,
-                           sipv6map_list_search_by_key, sipv6map_list_search>;
-using IPv6IMap = MapFamily<ipv6imap_list_st, ipv6imap_st, TAZE_IPv6IntMap, &ipv6imap_list_st::ipv6_int_maps,
-                           &ipv6imap_list_st::nr_ipv6_int_maps, TAZE_PatternGetIPv6IMapList,
-                           ipv6imap_list_search_by_key, ipv6imap_list_search>;
-using IIMap = MapFamily<iimap_list_st, iimap_st, TAZE_IntIntMap, &iimap_list_st::int_int_maps,
-                        &iimap_list_st::nr_int_int_maps, TAZE_PatternGetIIMapList, iimap_list_search_by_key,
-                        iimap_list_search>;
-using ISMap = MapFamily<ismap_list_st, ismap_st, TAZE_IntStringMap, &ismap_list_st::int_str_maps,
-                        &ismap_list_st::nr_int_str_maps, TAZE_PatternGetISMapList, ismap_list_search_by_key,
-                        ismap_list_search>;
-using SSMap = MapFamily<ssmap_list_st, ssmap_st, TAZE_StringStringMap, &ssmap_list_st::str_str_maps,
-                        &ssmap_list_st::nr_str_str_maps, TAZE_PatternGetSSMapList, ssmap_list_search_by_key,
-                        ssmap_list_search>;
-
-/* The families without strings take no map type; their functions pass this. */
-constexpr int kNoMapType = MT_STRING;
-
-/* Runs op on map list `magic` of the kind ptn_type, or returns the
- * PARA_ERR of choosing the kind or the list. An op that also takes the
- * image gets it (the key searches narrow the list with its index). */
-template <typename F, typename Op>
-int with_map_list(TAZE *h, int ptn_type, int map_type, int magic, Op op)
-{
-    Pattern *ptn = nullptr;
-    int r = TAZE_PatternGetByType(h, ptn_type, &ptn);
-    if (r != 0) return r;
-    typename F::List *list = nullptr;
-    if constexpr (std::is_invocable_v<decltype(F::select), Pattern *, int, int, int, typename F::List **>)
-        r = F::select(ptn, ptn_type, map_type, magic, &list);
-    else
-        r = F::select(ptn, ptn_type, magic, &list);
-    if (r != 0) return r;
-    if constexpr (std::is_invocable_v<Op, const typename F::List *, const Pattern *>)
-        return op(static_cast<const typename F::List *>(list), static_cast<const Pattern *>(ptn));
-    else
-        return op(static_cast<const typename F::List *>(list));
-}
-
-/* The search by key: 1 and *entry, -1 not found or map type refused, 0 for
- * a null argument. */
-template <typename F, typename K>
-int key_search(const typename F::List *list, K key, int map_type, const typename F::Entry **entry)
-{
-    if constexpr (std::is_invocable_v<decltype(F::by_key), K, const typename F::List *, int,
-                                      const typename F::Entry **>)
-        return F::by_key(key, list, map_type, entry);
-    else
-        return F::by_key(key, list, entry);
-}
-
-/* The entry with this key, or null. */
-template <typename F, typename K>
-const typename F::Entry *find_entry(const typename F::List *list, K key, int map_type)
-{
-    const typename F::Entry *entry = nullptr;
-    return key_search<F>(list, key, map_type, &entry) == 1 ? entry : nullptr;
-}
-
-/* Copies an entry into the caller's record (0), or clears it (-1). */
-template <typename F>
-int fill_result(typename F::Result *result, const typename F::Entry *entry)
-{
-    if (!entry) {
-        *result = typename F::Result{};
-        return UNKNOWN_ERR;
-    }
-    std::memcpy(result, entry, sizeof *result);
-    return 0;
-}
-
-template <typename F, typename K, typename V>
-int map_search(TAZE *h, int ptn_type, int map_type, int magic, K key, V value)
-{
-    return with_map_list<F>(h, ptn_type, map_type, magic, [&](const typename F::List *all, const Pattern *ptn) {
-        typename F::List one{};
-        const typename F::List *list = taze::fast::narrow(ptn, all, key_arg(key), map_type, one);
-        if constexpr (std::is_same_v<V, const char *>) {
-            /* A string value is measured once its key is found: without
-             * one, answer what the key search answers and refuse only a
-             * found key. */
-            if (!value) {
-                const typename F::Entry *entry = nullptr;
-                const int found = key_search<F>(list, key_arg(key), map_type, &entry);
-                return found == 1 ? PARA_ERR : found;
-            }
-        }
-        if constexpr (std::is_invocable_v<decltype(F::search), decltype(key_arg(key)), decltype(key_arg(value)),
-                                          const typename F::List *, int>)
-            return F::search(key_arg(key), key_arg(value), list, map_type);
-        else
-            return F::search(key_arg(key), key_arg(value), list);
-    });
-}
-
-template <typename F, typename K>
-int map_by_key(TAZE *h, int ptn_type, int map_type, int magic, K key, typename F::Result *result)
-{
-    return with_map_list<F>(h, ptn_type, map_type, magic, [&](const typename F::List *all, const Pattern *ptn) {
-        typename F::List one{};
-        const typename F::List *list = taze::fast::narrow(ptn, all, key_arg(key), map_type, one);
-        return result ? fill_result<F>(result, find_entry<F>(list, key_arg(key), map_type)) : PARA_ERR;
-    });
-}
-
-template <typename F>
-int map_count(TAZE *h, int ptn_type, int map_type, int magic)
-{
-    return with_map_list<F>(h, ptn_type, map_type, magic,
-                            [](const typename F::List *list) { return static_cast<int>(list->*F::count); });
-}
-
-template <typename F>
-int map_by_index(TAZE *h, int ptn_type, int map_type, int magic, int index, typename F::Result *result)
-{
-    return with_map_list<F>(h, ptn_type, map_type, magic, [&](const typename F::List *list) {
-        if (!result) return PARA_ERR;
-        const typename F::Entry *all = list->*F::entries;
-        const bool inside = index >= 0 && static_cast<UINT32>(index) < list->*F::count && all;
-        return fill_result<F>(result, inside ? &all[index] : nullptr);
-    });
-}
+using namespace taze::api;
 
 /* ---- loading ------------------------------------------------------------- */
 
@@ -423,65 +59,11 @@ int load_newest(TAZE *h, LIST_HEAD *head)
     return rc;
 }
 
-/* "%d.%05d.%02d" from product, version and build, cut to size - 1. */
-int version_text(UINT32 v, char *buf, int size)
-{
-    snprintf(buf, static_cast<std::size_t>(size), KORM_VERSION_FORMAT, static_cast<int>(KORM_GET_PATTERN_PRO(v)),
-             static_cast<int>(KORM_GET_PATTERN_VER(v)), static_cast<int>(KORM_GET_PATTERN_BLD(v)));
-    buf[size - 1] = '\0';
-    return 0;
-}
+using taze::version_text;
 
 void set_debug_mask(unsigned int mask) { debugLevel = mask; }
 
 } // namespace
-
-/* Definitions of exported queries. `params` are the parameters after the
- * handle (or after the handle and ptn_type), `args` what the shape takes after
- * the pattern and the lookup: the outputs, then the keys. */
-#define TAZE_UNPAREN(...) __VA_ARGS__
-#define TAZE_QUERY(name, shape, lookup, params, args)                          \
-    TAZE_API int name(TAZE *pTAZE, TAZE_UNPAREN params)                         \
-    {                                                                          \
-        return shape(current_pattern(pTAZE), lookup, TAZE_UNPAREN args);       \
-    }
-#define TAZE_QUERY_EX(name, shape, lookup, params, args)                                \
-    TAZE_API int name(TAZE *pTAZE, unsigned int ptn_type, TAZE_UNPAREN params)         \
-    {                                                                                   \
-        return shape(pattern_of_kind(pTAZE, ptn_type), lookup, TAZE_UNPAREN args);      \
-    }
-/* A plain query on the current pattern and its Ex form. */
-#define TAZE_QUERIES(name, name_ex, shape, lookup, params, args) \
-    TAZE_QUERY(name, shape, lookup, params, args)                 \
-    TAZE_QUERY_EX(name_ex, shape, lookup, params, args)
-
-#define TAZE_STRING_LIST_SEARCH(name, lists, count, search, rule)                                       \
-    TAZE_API int name(TAZE *pTAZE, int idx, const char *string, int ptntype)                           \
-    {                                                                                                   \
-        return search_list(pTAZE, idx, as_bytes(string), ptntype, &taz_pattern_st::lists,               \
-                           &taz_pattern_st::count, search, rule);                                       \
-    }
-
-#define TAZE_MAP_SEARCH(name, family, key_type, value_type)                                              \
-    TAZE_API int name(TAZE *pTAZE, int ptn_type, int map_type, int magic, key_type key, value_type value) \
-    {                                                                                                    \
-        return map_search<family>(pTAZE, ptn_type, map_type, magic, key, value);                         \
-    }
-#define TAZE_MAP_BY_KEY(name, family, key_type)                                                              \
-    TAZE_API int name(TAZE *pTAZE, int ptn_type, int map_type, int magic, key_type key, family::Result *result) \
-    {                                                                                                        \
-        return map_by_key<family>(pTAZE, ptn_type, map_type, magic, key, result);                            \
-    }
-#define TAZE_MAP_COUNT(name, family)                                   \
-    TAZE_API int name(TAZE *pTAZE, int ptn_type, int map_type, int magic) \
-    {                                                                  \
-        return map_count<family>(pTAZE, ptn_type, map_type, magic);    \
-    }
-#define TAZE_MAP_BY_INDEX(name, family)                                                                  \
-    TAZE_API int name(TAZE *pTAZE, int ptn_type, int map_type, int magic, int index, family::Result *result) \
-    {                                                                                                    \
-        return map_by_index<family>(pTAZE, ptn_type, map_type, magic, index, result);                    \
-    }
 
 extern "C" {
 
@@ -518,7 +100,7 @@ TAZE_API void TAZE_disableDebug(TAZE *) { set_debug_mask(0u); }
 
 /* ---- choosing the pattern kind ------------------------------------------- */
 
-taz_pattern_st *_TAZE_GetPatternByPatternType(TAZE *pTAZE, unsigned int ptn_type)
+taz_pattern_st *TAZE_GetPatternByPatternType(TAZE *pTAZE, unsigned int ptn_type)
 {
     if (!pTAZE || !pTAZE->pTAZPattern) return nullptr;
     if (ptn_type == PT_TAZ) return pTAZE->pTAZPattern->taz_ptn;
@@ -529,7 +111,7 @@ taz_pattern_st *_TAZE_GetPatternByPatternType(TAZE *pTAZE, unsigned int ptn_type
 int TAZE_PatternGetByType(TAZE *pTAZE, int ptn_type, taz_pattern_st **ptn)
 {
     if (!ptn || (ptn_type != PT_TAZ && ptn_type != PT_ULM)) return PARA_ERR;
-    taz_pattern_st *sp = _TAZE_GetPatternByPatternType(pTAZE, static_cast<unsigned int>(ptn_type));
+    taz_pattern_st *sp = TAZE_GetPatternByPatternType(pTAZE, static_cast<unsigned int>(ptn_type));
     if (!sp) return PARA_ERR;
     *ptn = sp;
     return 0;
@@ -657,26 +239,106 @@ TAZE_API int TAZE_GetRawPatternByType(TAZE *pTAZE, unsigned int raw_ptn_type, co
 
 /* ---- rules ----------------------------------------------------------------- */
 
-TAZE_QUERIES(TAZE_GetRuleIndexDesc, TAZE_GetRuleIndexDescEx, text<Absent::Refused>, taz_rule_index_desc,
-             (unsigned int idx, char **desc), (desc, idx))
-TAZE_QUERIES(TAZE_GetRuleIndexRisk, TAZE_GetRuleIndexRiskEx, text<Absent::Refused>, taz_rule_index_risk_type,
-             (unsigned int idx, char **risk), (risk, idx))
-TAZE_QUERIES(TAZE_GetRuleIndexRiskGroup, TAZE_GetRuleIndexRiskGroupEx, number, taz_rule_index_risk_type_group,
-             (unsigned int idx, unsigned int *risk_group), (risk_group, idx))
-TAZE_QUERIES(TAZE_GetRuleIndexCL, TAZE_GetRuleIndexCLEx, number, taz_rule_index_confidence_level,
-             (unsigned int idx, unsigned int *cl), (cl, idx))
-TAZE_QUERIES(TAZE_GetRuleIndexEnable, TAZE_GetRuleIndexEnableEx, number, taz_rule_index_enable,
-             (unsigned int idx, unsigned int *enable), (enable, idx))
-TAZE_QUERIES(TAZE_GetRuleIndexRuleID, TAZE_GetRuleIndexRuleIDEx, number, taz_rule_index_rule_id,
-             (unsigned int idx, unsigned int *rule_id), (rule_id, idx))
-TAZE_QUERIES(TAZE_GetRuleInfoCount, TAZE_GetRuleInfoCountEx, number, taz_rule_count, (unsigned int *count),
-             (count))
-TAZE_QUERIES(TAZE_GetRuleIdRisk, TAZE_GetRuleIdRiskEx, text<Absent::Empty>, taz_rule_id_risk_type,
-             (unsigned int id, char **risk), (risk, id))
-TAZE_QUERIES(TAZE_GetRuleIdRiskGroup, TAZE_GetRuleIdRiskGroupEx, number, taz_rule_id_risk_type_group,
-             (unsigned int id, unsigned int *risk_group), (risk_group, id))
-TAZE_QUERIES(TAZE_GetRuleIdCL, TAZE_GetRuleIdCLEx, number, taz_rule_id_confidence_level,
-             (unsigned int id, unsigned int *cl), (cl, id))
+TAZE_API int TAZE_GetRuleIndexDesc(TAZE *pTAZE, unsigned int idx, char **desc)
+{
+    return text<Absent::Refused>(current_pattern(pTAZE), taz_rule_index_desc, desc, idx);
+}
+
+TAZE_API int TAZE_GetRuleIndexDescEx(TAZE *pTAZE, unsigned int ptn_type, unsigned int idx, char **desc)
+{
+    return text<Absent::Refused>(pattern_of_kind(pTAZE, ptn_type), taz_rule_index_desc, desc, idx);
+}
+
+TAZE_API int TAZE_GetRuleIndexRisk(TAZE *pTAZE, unsigned int idx, char **risk)
+{
+    return text<Absent::Refused>(current_pattern(pTAZE), taz_rule_index_risk_type, risk, idx);
+}
+
+TAZE_API int TAZE_GetRuleIndexRiskEx(TAZE *pTAZE, unsigned int ptn_type, unsigned int idx, char **risk)
+{
+    return text<Absent::Refused>(pattern_of_kind(pTAZE, ptn_type), taz_rule_index_risk_type, risk, idx);
+}
+
+TAZE_API int TAZE_GetRuleIndexRiskGroup(TAZE *pTAZE, unsigned int idx, unsigned int *risk_group)
+{
+    return number(current_pattern(pTAZE), taz_rule_index_risk_type_group, risk_group, idx);
+}
+
+TAZE_API int TAZE_GetRuleIndexRiskGroupEx(TAZE *pTAZE, unsigned int ptn_type, unsigned int idx, unsigned int *risk_group)
+{
+    return number(pattern_of_kind(pTAZE, ptn_type), taz_rule_index_risk_type_group, risk_group, idx);
+}
+
+TAZE_API int TAZE_GetRuleIndexCL(TAZE *pTAZE, unsigned int idx, unsigned int *cl)
+{
+    return number(current_pattern(pTAZE), taz_rule_index_confidence_level, cl, idx);
+}
+
+TAZE_API int TAZE_GetRuleIndexCLEx(TAZE *pTAZE, unsigned int ptn_type, unsigned int idx, unsigned int *cl)
+{
+    return number(pattern_of_kind(pTAZE, ptn_type), taz_rule_index_confidence_level, cl, idx);
+}
+
+TAZE_API int TAZE_GetRuleIndexEnable(TAZE *pTAZE, unsigned int idx, unsigned int *enable)
+{
+    return number(current_pattern(pTAZE), taz_rule_index_enable, enable, idx);
+}
+
+TAZE_API int TAZE_GetRuleIndexEnableEx(TAZE *pTAZE, unsigned int ptn_type, unsigned int idx, unsigned int *enable)
+{
+    return number(pattern_of_kind(pTAZE, ptn_type), taz_rule_index_enable, enable, idx);
+}
+
+TAZE_API int TAZE_GetRuleIndexRuleID(TAZE *pTAZE, unsigned int idx, unsigned int *rule_id)
+{
+    return number(current_pattern(pTAZE), taz_rule_index_rule_id, rule_id, idx);
+}
+
+TAZE_API int TAZE_GetRuleIndexRuleIDEx(TAZE *pTAZE, unsigned int ptn_type, unsigned int idx, unsigned int *rule_id)
+{
+    return number(pattern_of_kind(pTAZE, ptn_type), taz_rule_index_rule_id, rule_id, idx);
+}
+
+TAZE_API int TAZE_GetRuleInfoCount(TAZE *pTAZE, unsigned int *count)
+{
+    return number(current_pattern(pTAZE), taz_rule_count, count);
+}
+
+TAZE_API int TAZE_GetRuleInfoCountEx(TAZE *pTAZE, unsigned int ptn_type, unsigned int *count)
+{
+    return number(pattern_of_kind(pTAZE, ptn_type), taz_rule_count, count);
+}
+
+TAZE_API int TAZE_GetRuleIdRisk(TAZE *pTAZE, unsigned int id, char **risk)
+{
+    return text<Absent::Empty>(current_pattern(pTAZE), taz_rule_id_risk_type, risk, id);
+}
+
+TAZE_API int TAZE_GetRuleIdRiskEx(TAZE *pTAZE, unsigned int ptn_type, unsigned int id, char **risk)
+{
+    return text<Absent::Empty>(pattern_of_kind(pTAZE, ptn_type), taz_rule_id_risk_type, risk, id);
+}
+
+TAZE_API int TAZE_GetRuleIdRiskGroup(TAZE *pTAZE, unsigned int id, unsigned int *risk_group)
+{
+    return number(current_pattern(pTAZE), taz_rule_id_risk_type_group, risk_group, id);
+}
+
+TAZE_API int TAZE_GetRuleIdRiskGroupEx(TAZE *pTAZE, unsigned int ptn_type, unsigned int id, unsigned int *risk_group)
+{
+    return number(pattern_of_kind(pTAZE, ptn_type), taz_rule_id_risk_type_group, risk_group, id);
+}
+
+TAZE_API int TAZE_GetRuleIdCL(TAZE *pTAZE, unsigned int id, unsigned int *cl)
+{
+    return number(current_pattern(pTAZE), taz_rule_id_confidence_level, cl, id);
+}
+
+TAZE_API int TAZE_GetRuleIdCLEx(TAZE *pTAZE, unsigned int ptn_type, unsigned int id, unsigned int *cl)
+{
+    return number(pattern_of_kind(pTAZE, ptn_type), taz_rule_id_confidence_level, cl, id);
+}
+
 
 /* Checks the current pattern but looks in the main kind, then the second. */
 TAZE_API int TAZE_GetRuleIdDesc(TAZE *pTAZE, unsigned int id, char **desc)
@@ -690,59 +352,153 @@ TAZE_API int TAZE_GetRuleIdDesc(TAZE *pTAZE, unsigned int id, char **desc)
 
 /* ---- clean-up ---------------------------------------------------------------- */
 
-TAZE_QUERIES(TAZE_CheckRuleIdClean, TAZE_CheckRuleIdCleanEx, rule_clean_check, taz_rule_id_check_clean,
-             (unsigned int id, unsigned int protocol, unsigned int direction, unsigned int *target),
-             (target, id, protocol, direction))
-TAZE_QUERIES(TAZE_GetRuleIdClean, TAZE_GetRuleIdCleanEx, rule_clean_data, taz_rule_id_get_clean,
-             (unsigned int id, unsigned int *priority, char **src_ptn, char **dst_ptn),
-             (priority, src_ptn, dst_ptn, id))
-TAZE_QUERIES(TAZE_CheckCleanInfo, TAZE_CheckCleanInfoEx, clean_check, taz_clean_info_check_clean,
-             (unsigned int protocol, unsigned int direction, unsigned int *target), (target, protocol, direction))
-TAZE_QUERIES(TAZE_GetCleanInfo, TAZE_GetCleanInfoEx, clean_data, taz_clean_info_get_clean,
-             (unsigned int protocol, unsigned int *priority, char **src_ptn, char **dst_ptn),
-             (priority, src_ptn, dst_ptn, protocol))
+TAZE_API int TAZE_CheckRuleIdClean(TAZE *pTAZE, unsigned int id, unsigned int protocol, unsigned int direction, unsigned int *target)
+{
+    return rule_clean_check(current_pattern(pTAZE), taz_rule_id_check_clean, target, id, protocol, direction);
+}
+
+TAZE_API int TAZE_CheckRuleIdCleanEx(TAZE *pTAZE, unsigned int ptn_type, unsigned int id, unsigned int protocol, unsigned int direction, unsigned int *target)
+{
+    return rule_clean_check(pattern_of_kind(pTAZE, ptn_type), taz_rule_id_check_clean, target, id, protocol, direction);
+}
+
+TAZE_API int TAZE_GetRuleIdClean(TAZE *pTAZE, unsigned int id, unsigned int *priority, char **src_ptn, char **dst_ptn)
+{
+    return rule_clean_data(current_pattern(pTAZE), taz_rule_id_get_clean, priority, src_ptn, dst_ptn, id);
+}
+
+TAZE_API int TAZE_GetRuleIdCleanEx(TAZE *pTAZE, unsigned int ptn_type, unsigned int id, unsigned int *priority, char **src_ptn, char **dst_ptn)
+{
+    return rule_clean_data(pattern_of_kind(pTAZE, ptn_type), taz_rule_id_get_clean, priority, src_ptn, dst_ptn, id);
+}
+
+TAZE_API int TAZE_CheckCleanInfo(TAZE *pTAZE, unsigned int protocol, unsigned int direction, unsigned int *target)
+{
+    return clean_check(current_pattern(pTAZE), taz_clean_info_check_clean, target, protocol, direction);
+}
+
+TAZE_API int TAZE_CheckCleanInfoEx(TAZE *pTAZE, unsigned int ptn_type, unsigned int protocol, unsigned int direction, unsigned int *target)
+{
+    return clean_check(pattern_of_kind(pTAZE, ptn_type), taz_clean_info_check_clean, target, protocol, direction);
+}
+
+TAZE_API int TAZE_GetCleanInfo(TAZE *pTAZE, unsigned int protocol, unsigned int *priority, char **src_ptn, char **dst_ptn)
+{
+    return clean_data(current_pattern(pTAZE), taz_clean_info_get_clean, priority, src_ptn, dst_ptn, protocol);
+}
+
+TAZE_API int TAZE_GetCleanInfoEx(TAZE *pTAZE, unsigned int ptn_type, unsigned int protocol, unsigned int *priority, char **src_ptn, char **dst_ptn)
+{
+    return clean_data(pattern_of_kind(pTAZE, ptn_type), taz_clean_info_get_clean, priority, src_ptn, dst_ptn, protocol);
+}
+
 
 /* ---- protocols and protocol groups ------------------------------------------ */
 
-TAZE_QUERY(TAZE_GetProtocolCount, number, taz_protocol_count, (unsigned int *count), (count))
-TAZE_QUERY(TAZE_GetProtocolIndexID, number, taz_protocol_index_id, (unsigned int idx, unsigned int *protocol_id),
-           (protocol_id, idx))
-TAZE_QUERY(TAZE_GetProtocolIndexDesc, text<Absent::Refused>, taz_protocol_index_desc,
-           (unsigned int idx, char **desc), (desc, idx))
-TAZE_QUERY(TAZE_GetProtocolIndexGroupID, number, taz_protocol_index_group_id,
-           (unsigned int idx, unsigned int *group_id), (group_id, idx))
-TAZE_QUERY(TAZE_GetProtocolIdDesc, text<Absent::Refused>, taz_protocol_id_desc, (unsigned int id, char **desc),
-           (desc, id))
-TAZE_QUERIES(TAZE_GetProtocolIdGroupID, TAZE_GetProtocolIdGroupIDEx, number, taz_protocol_id_group_id,
-             (unsigned int id, unsigned int *group_id), (group_id, id))
-TAZE_QUERY(TAZE_GetProtocolGroupCount, number, taz_protocol_group_count, (unsigned int *count), (count))
-TAZE_QUERY(TAZE_GetProtocolGroupIndexID, number, taz_protocol_group_index_id,
-           (unsigned int idx, unsigned int *group_id), (group_id, idx))
-TAZE_QUERY(TAZE_GetProtocolGroupIndexDesc, text<Absent::Refused>, taz_protocol_group_index_desc,
-           (unsigned int idx, char **desc), (desc, idx))
-TAZE_QUERY(TAZE_GetProtocolGroupIndexProtocolCount, number, taz_protocol_group_index_protocol_count,
-           (unsigned int idx, unsigned int *count), (count, idx))
-TAZE_QUERY(TAZE_GetProtocolGroupIndexProtocolIndex, number, taz_protocol_group_index_protocol_index,
-           (unsigned int idx, unsigned int pidx, unsigned int *protocol_id), (protocol_id, idx, pidx))
-TAZE_QUERY(TAZE_GetProtocolGroupIdDesc, text<Absent::Refused>, taz_protocol_group_id_desc,
-           (unsigned int id, char **desc), (desc, id))
-TAZE_QUERY(TAZE_GetProtocolGroupIdProtocolCount, number, taz_protocol_group_id_protocol_count,
-           (unsigned int id, unsigned int *count), (count, id))
-TAZE_QUERY(TAZE_GetProtocolGroupIdProtocolIndexId, number, taz_protocol_group_id_protocol_index_id,
-           (unsigned int id, unsigned int pindex, unsigned int *protocol_id), (protocol_id, id, pindex))
+TAZE_API int TAZE_GetProtocolCount(TAZE *pTAZE, unsigned int *count)
+{
+    return number(current_pattern(pTAZE), taz_protocol_count, count);
+}
+
+TAZE_API int TAZE_GetProtocolIndexID(TAZE *pTAZE, unsigned int idx, unsigned int *protocol_id)
+{
+    return number(current_pattern(pTAZE), taz_protocol_index_id, protocol_id, idx);
+}
+
+TAZE_API int TAZE_GetProtocolIndexDesc(TAZE *pTAZE, unsigned int idx, char **desc)
+{
+    return text<Absent::Refused>(current_pattern(pTAZE), taz_protocol_index_desc, desc, idx);
+}
+
+TAZE_API int TAZE_GetProtocolIndexGroupID(TAZE *pTAZE, unsigned int idx, unsigned int *group_id)
+{
+    return number(current_pattern(pTAZE), taz_protocol_index_group_id, group_id, idx);
+}
+
+TAZE_API int TAZE_GetProtocolIdDesc(TAZE *pTAZE, unsigned int id, char **desc)
+{
+    return text<Absent::Refused>(current_pattern(pTAZE), taz_protocol_id_desc, desc, id);
+}
+
+TAZE_API int TAZE_GetProtocolIdGroupID(TAZE *pTAZE, unsigned int id, unsigned int *group_id)
+{
+    return number(current_pattern(pTAZE), taz_protocol_id_group_id, group_id, id);
+}
+
+TAZE_API int TAZE_GetProtocolIdGroupIDEx(TAZE *pTAZE, unsigned int ptn_type, unsigned int id, unsigned int *group_id)
+{
+    return number(pattern_of_kind(pTAZE, ptn_type), taz_protocol_id_group_id, group_id, id);
+}
+
+TAZE_API int TAZE_GetProtocolGroupCount(TAZE *pTAZE, unsigned int *count)
+{
+    return number(current_pattern(pTAZE), taz_protocol_group_count, count);
+}
+
+TAZE_API int TAZE_GetProtocolGroupIndexID(TAZE *pTAZE, unsigned int idx, unsigned int *group_id)
+{
+    return number(current_pattern(pTAZE), taz_protocol_group_index_id, group_id, idx);
+}
+
+TAZE_API int TAZE_GetProtocolGroupIndexDesc(TAZE *pTAZE, unsigned int idx, char **desc)
+{
+    return text<Absent::Refused>(current_pattern(pTAZE), taz_protocol_group_index_desc, desc, idx);
+}
+
+TAZE_API int TAZE_GetProtocolGroupIndexProtocolCount(TAZE *pTAZE, unsigned int idx, unsigned int *count)
+{
+    return number(current_pattern(pTAZE), taz_protocol_group_index_protocol_count, count, idx);
+}
+
+TAZE_API int TAZE_GetProtocolGroupIndexProtocolIndex(TAZE *pTAZE, unsigned int idx, unsigned int pidx, unsigned int *protocol_id)
+{
+    return number(current_pattern(pTAZE), taz_protocol_group_index_protocol_index, protocol_id, idx, pidx);
+}
+
+TAZE_API int TAZE_GetProtocolGroupIdDesc(TAZE *pTAZE, unsigned int id, char **desc)
+{
+    return text<Absent::Refused>(current_pattern(pTAZE), taz_protocol_group_id_desc, desc, id);
+}
+
+TAZE_API int TAZE_GetProtocolGroupIdProtocolCount(TAZE *pTAZE, unsigned int id, unsigned int *count)
+{
+    return number(current_pattern(pTAZE), taz_protocol_group_id_protocol_count, count, id);
+}
+
+TAZE_API int TAZE_GetProtocolGroupIdProtocolIndexId(TAZE *pTAZE, unsigned int id, unsigned int pindex, unsigned int *protocol_id)
+{
+    return number(current_pattern(pTAZE), taz_protocol_group_id_protocol_index_id, protocol_id, id, pindex);
+}
+
 
 /* ---- risk, threat type and second-kind information --------------------------- */
 
-TAZE_QUERIES(TAZE_GetKnownRiskInfo, TAZE_GetKnownRiskInfoEx, risk_info, taz_known_risk_get_info,
-             (unsigned int direction, unsigned int protocol, unsigned int *policy_id, unsigned int *severity),
-             (policy_id, severity, direction, protocol))
-TAZE_QUERIES(TAZE_GetPotentialRiskInfo, TAZE_GetPotentialRiskInfoEx, risk_info, taz_potential_risk_get_info,
-             (unsigned int rule_id, unsigned int direction, unsigned int protocol, unsigned int *policy_id,
-              unsigned int *severity),
-             (policy_id, severity, rule_id, direction, protocol))
+TAZE_API int TAZE_GetKnownRiskInfo(TAZE *pTAZE, unsigned int direction, unsigned int protocol, unsigned int *policy_id, unsigned int *severity)
+{
+    return risk_info(current_pattern(pTAZE), taz_known_risk_get_info, policy_id, severity, direction, protocol);
+}
+
+TAZE_API int TAZE_GetKnownRiskInfoEx(TAZE *pTAZE, unsigned int ptn_type, unsigned int direction, unsigned int protocol, unsigned int *policy_id, unsigned int *severity)
+{
+    return risk_info(pattern_of_kind(pTAZE, ptn_type), taz_known_risk_get_info, policy_id, severity, direction, protocol);
+}
+
+TAZE_API int TAZE_GetPotentialRiskInfo(TAZE *pTAZE, unsigned int rule_id, unsigned int direction, unsigned int protocol, unsigned int *policy_id, unsigned int *severity)
+{
+    return risk_info(current_pattern(pTAZE), taz_potential_risk_get_info, policy_id, severity, rule_id, direction, protocol);
+}
+
+TAZE_API int TAZE_GetPotentialRiskInfoEx(TAZE *pTAZE, unsigned int ptn_type, unsigned int rule_id, unsigned int direction, unsigned int protocol, unsigned int *policy_id, unsigned int *severity)
+{
+    return risk_info(pattern_of_kind(pTAZE, ptn_type), taz_potential_risk_get_info, policy_id, severity, rule_id, direction, protocol);
+}
+
 /* The plain form is below: it answers for an empty current pattern too. */
-TAZE_QUERY_EX(TAZE_GetThreatTypeEx, number, taz_threat_type_get, (unsigned int rule_id, unsigned int *threat_type),
-              (threat_type, rule_id))
+TAZE_API int TAZE_GetThreatTypeEx(TAZE *pTAZE, unsigned int ptn_type, unsigned int rule_id, unsigned int *threat_type)
+{
+    return number(pattern_of_kind(pTAZE, ptn_type), taz_threat_type_get, threat_type, rule_id);
+}
+
 
 /* Borrowed from the second kind's image, whatever the current pattern. */
 TAZE_API int TAZE_GetUlmInfo(TAZE *pTAZE, const char **info)
@@ -765,49 +521,71 @@ TAZE_API int TAZE_GetThreatType(TAZE *pTAZE, unsigned int rule_id, unsigned int 
 
 /* ---- string and range lists ---------------------------------------------------- */
 
-TAZE_STRING_LIST_SEARCH(TAZE_PatternSearchStringList, string_lists, max_string_list_count, str_list_search,
-                        kBothKinds)
-TAZE_STRING_LIST_SEARCH(TAZE_PatternSearchPrefixList, string_prefix_lists, max_string_prefix_list_count,
-                        str_prefix_list_search, kBothKinds)
-TAZE_STRING_LIST_SEARCH(TAZE_PatternSearchSuffixList, string_suffix_lists, max_string_suffix_list_count,
-                        str_suffix_list_search, kBothKinds)
-TAZE_STRING_LIST_SEARCH(TAZE_PatternSearchSubstringList, string_substring_lists, max_string_substring_list_count,
-                        str_substring_list_search, kBothKinds)
-TAZE_STRING_LIST_SEARCH(TAZE_PatternSearchCaseList, string_case_lists, max_string_case_list_count,
-                        str_case_list_search, kBothKinds)
-/* The second kind is never searched case-sensitively by prefix, suffix or
- * substring: it answers 0 there. */
-TAZE_STRING_LIST_SEARCH(TAZE_PatternSearchPrefixCaseList, string_prefix_case_lists,
-                        max_string_prefix_case_list_count, str_prefix_case_list_search, kMainKindOnly)
-TAZE_STRING_LIST_SEARCH(TAZE_PatternSearchSuffixCaseList, string_suffix_case_lists,
-                        max_string_suffix_case_list_count, str_suffix_case_list_search, kMainKindOnly)
-TAZE_STRING_LIST_SEARCH(TAZE_PatternSearchSubstringCaseList, string_substr_case_lists,
-                        max_string_substr_case_list_count, str_substr_case_list_search, kMainKindOnly)
+TAZE_API int TAZE_PatternSearchStringList(TAZE *pTAZE, int idx, const char *string, int ptntype)
+{
+    return search_list(pTAZE, idx, as_bytes(string), ptntype, str_list_search);
+}
+
+TAZE_API int TAZE_PatternSearchPrefixList(TAZE *pTAZE, int idx, const char *string, int ptntype)
+{
+    return search_list(pTAZE, idx, as_bytes(string), ptntype, str_prefix_list_search);
+}
+
+TAZE_API int TAZE_PatternSearchSuffixList(TAZE *pTAZE, int idx, const char *string, int ptntype)
+{
+    return search_list(pTAZE, idx, as_bytes(string), ptntype, str_suffix_list_search);
+}
+
+TAZE_API int TAZE_PatternSearchSubstringList(TAZE *pTAZE, int idx, const char *string, int ptntype)
+{
+    return search_list(pTAZE, idx, as_bytes(string), ptntype, str_substring_list_search);
+}
+
+TAZE_API int TAZE_PatternSearchCaseList(TAZE *pTAZE, int idx, const char *string, int ptntype)
+{
+    return search_list(pTAZE, idx, as_bytes(string), ptntype, str_case_list_search);
+}
+
+/* The second kind has no case-sensitive prefix, suffix or substring lists:
+ * it answers 0 there. */
+TAZE_API int TAZE_PatternSearchPrefixCaseList(TAZE *pTAZE, int idx, const char *string, int ptntype)
+{
+    return search_list(pTAZE, idx, as_bytes(string), ptntype, str_prefix_case_list_search);
+}
+
+TAZE_API int TAZE_PatternSearchSuffixCaseList(TAZE *pTAZE, int idx, const char *string, int ptntype)
+{
+    return search_list(pTAZE, idx, as_bytes(string), ptntype, str_suffix_case_list_search);
+}
+
+TAZE_API int TAZE_PatternSearchSubstringCaseList(TAZE *pTAZE, int idx, const char *string, int ptntype)
+{
+    return search_list(pTAZE, idx, as_bytes(string), ptntype, str_substr_case_list_search);
+}
 
 TAZE_API int TAZE_PatternSearchIPRangeList(TAZE *pTAZE, int idx, unsigned int ip, int ptntype)
 {
-    return search_list(pTAZE, idx, ip, ptntype, &taz_pattern_st::ip_range_lists,
-                       &taz_pattern_st::max_ip_range_list_count, ip_rng_list_search, kBothKinds);
+    return search_list(pTAZE, idx, ip, ptntype, ip_rng_list_search);
 }
 
 TAZE_API int TAZE_PatternSearchIPv6RangeList(TAZE *pTAZE, int idx, const uint8_t *ipv6, int ptntype)
 {
-    return search_list(pTAZE, idx, ipv6, ptntype, &taz_pattern_st::ipv6_range_lists,
-                       &taz_pattern_st::max_ipv6_range_list_count, ipv6_rng_list_search, kKeyRequired);
+    return search_list(pTAZE, idx, ipv6, ptntype, ipv6_rng_list_search, KeyRule::Required);
 }
 
 TAZE_API int TAZE_PatternSearchPortRangeList(TAZE *pTAZE, int idx, unsigned short port, int ptntype)
 {
-    return search_list(pTAZE, idx, port, ptntype, &taz_pattern_st::port_range_lists,
-                       &taz_pattern_st::max_port_range_list_count, port_rng_list_search, kBothKinds);
+    return search_list(pTAZE, idx, port, ptntype, port_rng_list_search);
 }
 
 TAZE_API int TAZE_PatternGetStringList(TAZE *pTAZE, int idx, int ptntype, TAZE_StringList *list)
 {
     taz_pattern_st *sp = nullptr;
     if (!list || idx < 0 || TAZE_PatternGetByType(pTAZE, ptntype, &sp) != 0) return PARA_ERR;
-    if (static_cast<UINT32>(idx) >= sp->max_string_list_count || !sp->string_lists) return PARA_ERR;
-    const str_list_st &found = sp->string_lists[idx];
+    UINT32 count = 0;
+    const str_list_st *all = family_lists<str_list_st>(sp, MT_STRING, &count);
+    if (static_cast<UINT32>(idx) >= count || !all) return PARA_ERR;
+    const str_list_st &found = all[idx];
     list->nr_strings = found.nr_strings;
     list->strings = reinterpret_cast<TAZE_CountedString *>(found.strings);
     return 0;
@@ -815,47 +593,75 @@ TAZE_API int TAZE_PatternGetStringList(TAZE *pTAZE, int idx, int ptntype, TAZE_S
 
 /* ---- map list selectors ------------------------------------------------------------ */
 
-int TAZE_PatternGetSIMapList(taz_pattern_st *ptn, int /*ptn_type*/, int map_type, int magic, simap_list_st **list)
+int TAZE_PatternGetSIMapList(taz_pattern_st *ptn, int /*ptn_type*/, int map_type, int list_number, simap_list_st **list)
 {
-    return select_map_list(ptn, map_type, magic, kStrIntArrays, list);
+    return select_map_list(ptn, map_type, list_number, list);
 }
 
-int TAZE_PatternGetSIPv6MapList(taz_pattern_st *ptn, int /*ptn_type*/, int map_type, int magic,
+int TAZE_PatternGetSIPv6MapList(taz_pattern_st *ptn, int /*ptn_type*/, int map_type, int list_number,
                                 sipv6map_list_st **list)
 {
-    return select_map_list(ptn, map_type, magic, kStrIPv6Arrays, list);
+    return select_map_list(ptn, map_type, list_number, list);
 }
 
-int TAZE_PatternGetISMapList(taz_pattern_st *ptn, int /*ptn_type*/, int map_type, int magic, ismap_list_st **list)
+int TAZE_PatternGetISMapList(taz_pattern_st *ptn, int /*ptn_type*/, int map_type, int list_number, ismap_list_st **list)
 {
-    return select_map_list(ptn, map_type, magic, kIntStrArrays, list);
+    return select_map_list(ptn, map_type, list_number, list);
 }
 
-int TAZE_PatternGetSSMapList(taz_pattern_st *ptn, int /*ptn_type*/, int map_type, int magic, ssmap_list_st **list)
+int TAZE_PatternGetSSMapList(taz_pattern_st *ptn, int /*ptn_type*/, int map_type, int list_number, ssmap_list_st **list)
 {
-    return select_map_list(ptn, map_type, magic, kStrStrArrays, list);
+    return select_map_list(ptn, map_type, list_number, list);
 }
 
-int TAZE_PatternGetIPv6IMapList(taz_pattern_st *ptn, int /*ptn_type*/, int magic, ipv6imap_list_st **list)
+int TAZE_PatternGetIPv6IMapList(taz_pattern_st *ptn, int /*ptn_type*/, int list_number, ipv6imap_list_st **list)
 {
-    return select_map_list(ptn, kNoMapType, magic, kIPv6IntArrays, list);
+    return select_map_list(ptn, kNoMapType, list_number, list);
 }
 
-int TAZE_PatternGetIIMapList(taz_pattern_st *ptn, int /*ptn_type*/, int magic, iimap_list_st **list)
+int TAZE_PatternGetIIMapList(taz_pattern_st *ptn, int /*ptn_type*/, int list_number, iimap_list_st **list)
 {
-    return select_map_list(ptn, kNoMapType, magic, kIntIntArrays, list);
+    return select_map_list(ptn, kNoMapType, list_number, list);
 }
 
 /* ---- maps -------------------------------------------------------------------------- */
 
-TAZE_MAP_SEARCH(TAZE_PatternSearchSIMap, SIMap, const char *, unsigned int)
-TAZE_MAP_BY_KEY(TAZE_PatternGetSIMapByKey, SIMap, const char *)
-TAZE_MAP_COUNT(TAZE_PatternGetSIMapCount, SIMap)
-TAZE_MAP_BY_INDEX(TAZE_PatternGetSIMapByIndex, SIMap)
+TAZE_API int TAZE_PatternSearchSIMap(TAZE *pTAZE, int ptn_type, int map_type, int magic, const char * key, unsigned int value)
+{
+    return map_search<SIMap>(pTAZE, ptn_type, map_type, magic, key, value);
+}
 
-TAZE_MAP_SEARCH(TAZE_PatternSearchSIPv6Map, SIPv6Map, const char *, const unsigned char *)
-TAZE_MAP_COUNT(TAZE_PatternGetSIPv6MapCount, SIPv6Map)
-TAZE_MAP_BY_INDEX(TAZE_PatternGetSIPv6MapByIndex, SIPv6Map)
+TAZE_API int TAZE_PatternGetSIMapByKey(TAZE *pTAZE, int ptn_type, int map_type, int magic, const char * key, SIMap::Result *result)
+{
+    return map_by_key<SIMap>(pTAZE, ptn_type, map_type, magic, key, result);
+}
+
+TAZE_API int TAZE_PatternGetSIMapCount(TAZE *pTAZE, int ptn_type, int map_type, int magic)
+{
+    return map_count<SIMap>(pTAZE, ptn_type, map_type, magic);
+}
+
+TAZE_API int TAZE_PatternGetSIMapByIndex(TAZE *pTAZE, int ptn_type, int map_type, int magic, int index, SIMap::Result *result)
+{
+    return map_by_index<SIMap>(pTAZE, ptn_type, map_type, magic, index, result);
+}
+
+
+TAZE_API int TAZE_PatternSearchSIPv6Map(TAZE *pTAZE, int ptn_type, int map_type, int magic, const char * key, const unsigned char * value)
+{
+    return map_search<SIPv6Map>(pTAZE, ptn_type, map_type, magic, key, value);
+}
+
+TAZE_API int TAZE_PatternGetSIPv6MapCount(TAZE *pTAZE, int ptn_type, int map_type, int magic)
+{
+    return map_count<SIPv6Map>(pTAZE, ptn_type, map_type, magic);
+}
+
+TAZE_API int TAZE_PatternGetSIPv6MapByIndex(TAZE *pTAZE, int ptn_type, int map_type, int magic, int index, SIPv6Map::Result *result)
+{
+    return map_by_index<SIPv6Map>(pTAZE, ptn_type, map_type, magic, index, result);
+}
+
 
 /* Deliberately searches nothing once the kind is chosen: string-to-IPv6
  * entries are read by index, and membership is asked with
@@ -897,18 +703,62 @@ TAZE_API int TAZE_PatternSearchIIMap(TAZE *pTAZE, int ptn_type, int magic, unsig
 {
     return map_search<IIMap>(pTAZE, ptn_type, kNoMapType, magic, key, value);
 }
-TAZE_MAP_BY_KEY(TAZE_PatternGetIIMapByKey, IIMap, unsigned int)
-TAZE_MAP_COUNT(TAZE_PatternGetIIMapCount, IIMap)
-TAZE_MAP_BY_INDEX(TAZE_PatternGetIIMapByIndex, IIMap)
+TAZE_API int TAZE_PatternGetIIMapByKey(TAZE *pTAZE, int ptn_type, int map_type, int magic, unsigned int key, IIMap::Result *result)
+{
+    return map_by_key<IIMap>(pTAZE, ptn_type, map_type, magic, key, result);
+}
 
-TAZE_MAP_SEARCH(TAZE_PatternSearchISMap, ISMap, unsigned int, const char *)
-TAZE_MAP_BY_KEY(TAZE_PatternGetISMapByKey, ISMap, unsigned int)
-TAZE_MAP_COUNT(TAZE_PatternGetISMapCount, ISMap)
-TAZE_MAP_BY_INDEX(TAZE_PatternGetISMapByIndex, ISMap)
+TAZE_API int TAZE_PatternGetIIMapCount(TAZE *pTAZE, int ptn_type, int map_type, int magic)
+{
+    return map_count<IIMap>(pTAZE, ptn_type, map_type, magic);
+}
 
-TAZE_MAP_SEARCH(TAZE_PatternSearchSSMap, SSMap, const char *, const char *)
-TAZE_MAP_BY_KEY(TAZE_PatternGetSSMapByKey, SSMap, const char *)
-TAZE_MAP_COUNT(TAZE_PatternGetSSMapCount, SSMap)
-TAZE_MAP_BY_INDEX(TAZE_PatternGetSSMapByIndex, SSMap)
+TAZE_API int TAZE_PatternGetIIMapByIndex(TAZE *pTAZE, int ptn_type, int map_type, int magic, int index, IIMap::Result *result)
+{
+    return map_by_index<IIMap>(pTAZE, ptn_type, map_type, magic, index, result);
+}
+
+
+TAZE_API int TAZE_PatternSearchISMap(TAZE *pTAZE, int ptn_type, int map_type, int magic, unsigned int key, const char * value)
+{
+    return map_search<ISMap>(pTAZE, ptn_type, map_type, magic, key, value);
+}
+
+TAZE_API int TAZE_PatternGetISMapByKey(TAZE *pTAZE, int ptn_type, int map_type, int magic, unsigned int key, ISMap::Result *result)
+{
+    return map_by_key<ISMap>(pTAZE, ptn_type, map_type, magic, key, result);
+}
+
+TAZE_API int TAZE_PatternGetISMapCount(TAZE *pTAZE, int ptn_type, int map_type, int magic)
+{
+    return map_count<ISMap>(pTAZE, ptn_type, map_type, magic);
+}
+
+TAZE_API int TAZE_PatternGetISMapByIndex(TAZE *pTAZE, int ptn_type, int map_type, int magic, int index, ISMap::Result *result)
+{
+    return map_by_index<ISMap>(pTAZE, ptn_type, map_type, magic, index, result);
+}
+
+
+TAZE_API int TAZE_PatternSearchSSMap(TAZE *pTAZE, int ptn_type, int map_type, int magic, const char * key, const char * value)
+{
+    return map_search<SSMap>(pTAZE, ptn_type, map_type, magic, key, value);
+}
+
+TAZE_API int TAZE_PatternGetSSMapByKey(TAZE *pTAZE, int ptn_type, int map_type, int magic, const char * key, SSMap::Result *result)
+{
+    return map_by_key<SSMap>(pTAZE, ptn_type, map_type, magic, key, result);
+}
+
+TAZE_API int TAZE_PatternGetSSMapCount(TAZE *pTAZE, int ptn_type, int map_type, int magic)
+{
+    return map_count<SSMap>(pTAZE, ptn_type, map_type, magic);
+}
+
+TAZE_API int TAZE_PatternGetSSMapByIndex(TAZE *pTAZE, int ptn_type, int map_type, int magic, int index, SSMap::Result *result)
+{
+    return map_by_index<SSMap>(pTAZE, ptn_type, map_type, magic, index, result);
+}
+
 
 } // extern "C"

@@ -13,7 +13,7 @@ extern "C" {
 
 /* The image of kind ptn_type (PT_TAZ or PT_ULM), or null when the handle,
  * its loaded pattern, the kind or that image is missing. */
-taz_pattern_st *_TAZE_GetPatternByPatternType(TAZE *pTAZE, unsigned int ptn_type);
+taz_pattern_st *TAZE_GetPatternByPatternType(TAZE *pTAZE, unsigned int ptn_type);
 
 /* 0 and *ptn set, or PARA_ERR (null handle, nothing loaded, unknown kind,
  * or no image of that kind). */

@@ -120,23 +120,6 @@ int list_search(const taz_pattern_st *ptn, const List *list, Key key, int (*plai
     return hit >= 0 ? 1 : 0;
 }
 
-/* Entry array of the map list records. */
-template <class List>
-struct MapRecord;
-#define TAZE_FAST_MAP_RECORD(list, count_field, items_field)             \
-    template <>                                                          \
-    struct MapRecord<list> {                                             \
-        static constexpr auto count = &list::count_field;                \
-        static constexpr auto items = &list::items_field;                \
-    }
-TAZE_FAST_MAP_RECORD(simap_list_st, nr_str_int_maps, str_int_maps);
-TAZE_FAST_MAP_RECORD(sipv6map_list_st, nr_str_ipv6_maps, str_ipv6_maps);
-TAZE_FAST_MAP_RECORD(ipv6imap_list_st, nr_ipv6_int_maps, ipv6_int_maps);
-TAZE_FAST_MAP_RECORD(iimap_list_st, nr_int_int_maps, int_int_maps);
-TAZE_FAST_MAP_RECORD(ismap_list_st, nr_int_str_maps, int_str_maps);
-TAZE_FAST_MAP_RECORD(ssmap_list_st, nr_str_str_maps, str_str_maps);
-#undef TAZE_FAST_MAP_RECORD
-
 /* The list a map search of `key` may run on: when the list's index answers
  * the key search for this map type, `one` becomes a record of just the entry
  * it hits (or of no entry), and the plain key search over `one` then finds
@@ -148,7 +131,7 @@ const List *narrow(const taz_pattern_st *ptn, const List *list, Key key, int map
     if (!a || !accepts(a, map_type)) return list;
     const std::int64_t hit = lookup(a, key);
     if (hit == kPlain) return list;
-    using R = MapRecord<List>;
+    using R = list_traits<List>;
     one.*R::count = hit >= 0 ? 1u : 0u;
     one.*R::items = hit >= 0 ? list->*R::items + hit : nullptr;
     return &one;

@@ -13,11 +13,13 @@
 #include <cstdlib>
 #include <cstring>
 #include <type_traits>
+#include <utility>
 
 #include <sys/mman.h>
 #include <unistd.h>
 
 #include "byteorder.h"
+#include "format.h"
 #include "taze_fast.h"
 #include "vk_platform.h"
 
@@ -33,11 +35,8 @@ constexpr std::uint64_t kListHeader = sizeof(taz_pattern_hdr_st);
 static_assert(kSectionHeader == 16 && kListHeader == 12, "on-disk header sizes");
 static_assert(sizeof(ipv6_st) == 16, "an IPv6 address is stored as 16 bytes");
 
-/* On top of the payload length, how many list records, and separately how
- * many list entries and map values, one image may allocate. A compiled pattern
- * numbers its lists densely and spends at least four bytes on every entry, so
- * it stays far below both; a small hostile file cannot allocate gigabytes. */
-constexpr std::uint64_t kAllowance = std::uint64_t(1) << 20;
+using taze::kAllowance;
+using taze::read_field;
 
 struct Budget {
     std::uint64_t records;
@@ -83,11 +82,6 @@ bool args_ok(const void *first, const unsigned char *ptn_buf, UINT32 ptn_len)
 }
 
 /* ---- Fields ------------------------------------------------------------------ */
-bool read_field(LeCursor &c, UINT16 &v) { return c.u16(v); }
-bool read_field(LeCursor &c, UINT32 &v) { return c.u32(v); }
-bool read_field(LeCursor &c, ipv6_st &v) { return c.bytes(v.bytes, sizeof v.bytes); }
-/* Map keys and string values: the terminator must lie in the section too. */
-bool read_field(LeCursor &c, counted_string_t &v) { return c.str(v, true); }
 
 /* Fewest bytes a field occupies on disk. */
 template <typename T>
@@ -194,55 +188,33 @@ using StrStrEntry =
     MapEntry<ssmap_st, counted_string_t, &ssmap_st::string, counted_string_t, &ssmap_st::nr_strings, &ssmap_st::strs>;
 
 /* ---- List record layouts ---------------------------------------------------- */
-template <typename T>
-struct member_of;
-template <typename C, typename M>
-struct member_of<M C::*> {
-    using owner = C;
-    using type = M;
-};
 
-/* A list record: its entry count, its entry array, the entry kind and the
- * loader's precondition. */
-template <auto Count, auto Array, typename Kind, Pre P>
-struct Layout : Kind {
-    using record = typename member_of<decltype(Count)>::owner;
-    static_assert(std::is_same_v<typename member_of<decltype(Array)>::type, typename Kind::elem *>);
-    static constexpr Pre pre = P;
-    static UINT32 &count(record &r) { return r.*Count; }
-    static typename Kind::elem *&array(record &r) { return r.*Array; }
-};
+/* How the loader reads one entry of each layout, and which precondition text
+ * its assertion shows. */
+template <taze::Layout>
+struct entry_kind;
+template <> struct entry_kind<taze::Layout::Strings> { using type = ListString; static constexpr Pre pre = Pre::ByImage; };
+template <> struct entry_kind<taze::Layout::Ip> { using type = IpRange; static constexpr Pre pre = Pre::ByImage; };
+template <> struct entry_kind<taze::Layout::Ipv6> { using type = Ipv6Range; static constexpr Pre pre = Pre::ByImageV6; };
+template <> struct entry_kind<taze::Layout::Port> { using type = PortRange; static constexpr Pre pre = Pre::ByImage; };
+template <> struct entry_kind<taze::Layout::StrInt> { using type = StrIntEntry; static constexpr Pre pre = Pre::ByList; };
+template <> struct entry_kind<taze::Layout::StrIpv6> { using type = StrIpv6Entry; static constexpr Pre pre = Pre::ByListV6; };
+template <> struct entry_kind<taze::Layout::IntInt> { using type = IntIntEntry; static constexpr Pre pre = Pre::ByImage; };
+template <> struct entry_kind<taze::Layout::Ipv6Int> { using type = Ipv6IntEntry; static constexpr Pre pre = Pre::ByImageV6; };
+template <> struct entry_kind<taze::Layout::IntStr> { using type = IntStrEntry; static constexpr Pre pre = Pre::ByList; };
+template <> struct entry_kind<taze::Layout::StrStr> { using type = StrStrEntry; static constexpr Pre pre = Pre::ByList; };
 
-/* The eight string list records share one layout; the others are listed. */
+/* A list record: its traits (families.h), its entry kind and precondition. */
 template <typename Rec>
-struct layout_of : Layout<&Rec::nr_strings, &Rec::strings, ListString, Pre::ByImage> {};
-template <>
-struct layout_of<ip_rng_list_st>
-    : Layout<&ip_rng_list_st::nr_ip_ranges, &ip_rng_list_st::ip_ranges, IpRange, Pre::ByImage> {};
-template <>
-struct layout_of<ipv6_rng_list_st>
-    : Layout<&ipv6_rng_list_st::nr_ipv6_ranges, &ipv6_rng_list_st::ipv6_ranges, Ipv6Range, Pre::ByImageV6> {};
-template <>
-struct layout_of<port_rng_list_st>
-    : Layout<&port_rng_list_st::nr_port_ranges, &port_rng_list_st::port_ranges, PortRange, Pre::ByImage> {};
-template <>
-struct layout_of<simap_list_st>
-    : Layout<&simap_list_st::nr_str_int_maps, &simap_list_st::str_int_maps, StrIntEntry, Pre::ByList> {};
-template <>
-struct layout_of<sipv6map_list_st>
-    : Layout<&sipv6map_list_st::nr_str_ipv6_maps, &sipv6map_list_st::str_ipv6_maps, StrIpv6Entry, Pre::ByListV6> {};
-template <>
-struct layout_of<iimap_list_st>
-    : Layout<&iimap_list_st::nr_int_int_maps, &iimap_list_st::int_int_maps, IntIntEntry, Pre::ByImage> {};
-template <>
-struct layout_of<ipv6imap_list_st>
-    : Layout<&ipv6imap_list_st::nr_ipv6_int_maps, &ipv6imap_list_st::ipv6_int_maps, Ipv6IntEntry, Pre::ByImageV6> {};
-template <>
-struct layout_of<ismap_list_st>
-    : Layout<&ismap_list_st::nr_int_str_maps, &ismap_list_st::int_str_maps, IntStrEntry, Pre::ByList> {};
-template <>
-struct layout_of<ssmap_list_st>
-    : Layout<&ssmap_list_st::nr_str_str_maps, &ssmap_list_st::str_str_maps, StrStrEntry, Pre::ByList> {};
+struct layout_of : entry_kind<taze::list_traits<Rec>::layout>::type {
+    using T = taze::list_traits<Rec>;
+    using Kind = typename entry_kind<T::layout>::type;
+    using record = Rec;
+    static_assert(std::is_same_v<typename T::elem, typename Kind::elem>, "the entry kind reads the record's entries");
+    static constexpr Pre pre = entry_kind<T::layout>::pre;
+    static UINT32 &count(record &r) { return r.*T::count; }
+    static typename Kind::elem *&array(record &r) { return r.*T::items; }
+};
 
 /* ---- The list walk shared by every family ----------------------------------- */
 
@@ -259,7 +231,7 @@ void release_record(typename L::record &r)
 }
 
 template <typename L>
-void release_lists(typename L::record *recs, std::uint64_t limit)
+void taz_unload_list_ptns(typename L::record *recs, std::uint64_t limit)
 {
     if (recs == nullptr) return;
     for (std::uint64_t i = 0; i < limit; ++i) release_record<L>(recs[i]);
@@ -306,24 +278,16 @@ template <typename L>
 bool walk_lists(typename L::record *recs, std::uint64_t usable, const unsigned char *ptn_buf, UINT32 ptn_len,
                 UINT32 count, Scope &s)
 {
-    LeCursor c(ptn_buf, ptn_len);
-    std::uint64_t off = 0;
-    for (UINT32 k = 0; k < count; ++k) {
-        c.seek(off);
-        UINT32 number = 0, size = 0, n = 0;
-        if (!c.list_header(number, size, n)) return false;
-        off += kListHeader + size;
-        if (!c.within(off)) return false;
+    return taze::walk_list_headers(ptn_buf, ptn_len, count, [&](UINT32 number, UINT32, UINT32 n, LeCursor &c) {
         /* Lists numbered beyond the records, and empty lists, are skipped. */
-        if (number < usable && n != 0 && !load_list<L>(recs[number], c, n, s)) return false;
-    }
-    return true;
+        return !(number < usable && n != 0) || load_list<L>(recs[number], c, n, s);
+    });
 }
 
 /* (first argument, list records, section body, section size, list count,
  * records available) -> 0, or -1 with the family's records left empty. */
 template <typename L>
-int load_lists(const void *first, typename L::record *recs, const unsigned char *ptn_buf, UINT32 ptn_len,
+int taz_load_list_ptns(const void *first, typename L::record *recs, const unsigned char *ptn_buf, UINT32 ptn_len,
                UINT32 count, INT32 limit, Scope &s)
 {
     if (!args_ok<L::pre>(first, ptn_buf, ptn_len)) return -1;
@@ -331,28 +295,12 @@ int load_lists(const void *first, typename L::record *recs, const unsigned char 
     const std::uint64_t usable = limit > 0 ? std::uint64_t(limit) : 0;
     if (recs == nullptr && usable != 0) return -1;
     if (walk_lists<L>(recs, usable, ptn_buf, ptn_len, count, s)) return 0;
-    release_lists<L>(recs, usable);
+    taz_unload_list_ptns<L>(recs, usable);
     return -1;
 }
 
-/* The exported loaders: nothing readable beyond the section is known. */
-template <typename Rec>
-int load_direct(const void *first, Rec *recs, const unsigned char *ptn_buf, UINT32 ptn_len, UINT32 count,
-                INT32 limit)
-{
-    Budget budget{0, kAllowance + ptn_len};
-    Scope s{ptn_len, &budget};
-    return load_lists<layout_of<Rec>>(first, recs, ptn_buf, ptn_len, count, limit, s);
-}
-
-template <typename Rec>
-void release_limit(Rec *recs, INT32 limit)
-{
-    if (limit > 0) release_lists<layout_of<Rec>>(recs, std::uint64_t(limit));
-}
-
 /* ---- Section kinds ------------------------------------------------------------ */
-enum : unsigned { kMain = 1u, kSecond = 2u, kBoth = kMain | kSecond };
+constexpr unsigned kMain = taze::Main, kSecond = taze::Second, kBoth = taze::Both;
 
 /* State of one section walk. */
 struct Walk {
@@ -373,12 +321,12 @@ struct SectionKind {
 /* A list, range or map family held in the image as (list array, list count). */
 template <auto Lists, auto Count>
 struct Family {
-    using Rec = std::remove_pointer_t<typename member_of<decltype(Lists)>::type>;
+    using Rec = std::remove_pointer_t<std::remove_reference_t<decltype(std::declval<Image &>().*Lists)>>;
     using L = layout_of<Rec>;
 
     static void release(Image *ptn)
     {
-        release_lists<L>(ptn->*Lists, ptn->*Count);
+        taz_unload_list_ptns<L>(ptn->*Lists, ptn->*Count);
         std::free(ptn->*Lists);
         ptn->*Lists = nullptr;
         ptn->*Count = 0;
@@ -397,7 +345,7 @@ struct Family {
         Scope s{UINT32(ptn->ptn_len - UINT32(body - ptn->ptn_buf)), &w.budget};
         /* The image stands for the loader's first argument: it and the list
          * array are both present here. */
-        return load_lists<L>(ptn, recs, body, size, count, INT32(max), s);
+        return taz_load_list_ptns<L>(ptn, recs, body, size, count, INT32(max), s);
     }
 };
 
@@ -426,76 +374,10 @@ constexpr SectionKind info(UINT32 magic, unsigned kinds, SectionRelease release)
  * alone carries the "ULM\0" section; everything else is shared. Unknown
  * magics, "CMPR" at section level among them, are skipped. */
 constexpr SectionKind kSections[] = {
-    lists<&Image::string_lists, &Image::max_string_list_count>(MAGIC_TAZE_PATTERN_STR, kBoth),
-    lists<&Image::string_prefix_lists, &Image::max_string_prefix_list_count>(MAGIC_TAZE_PATTERN_STR_PREFIX, kBoth),
-    lists<&Image::string_suffix_lists, &Image::max_string_suffix_list_count>(MAGIC_TAZE_PATTERN_STR_SUFFIX, kBoth),
-    lists<&Image::string_substring_lists, &Image::max_string_substring_list_count>(
-        MAGIC_TAZE_PATTERN_STR_SUBSTR, kBoth),
-    lists<&Image::string_case_lists, &Image::max_string_case_list_count>(MAGIC_TAZE_PATTERN_STR_CASE, kBoth),
-    lists<&Image::string_prefix_case_lists, &Image::max_string_prefix_case_list_count>(
-        MAGIC_TAZE_PATTERN_STR_PREFIX_CASE, kMain),
-    lists<&Image::string_suffix_case_lists, &Image::max_string_suffix_case_list_count>(
-        MAGIC_TAZE_PATTERN_STR_SUFFIX_CASE, kMain),
-    lists<&Image::string_substr_case_lists, &Image::max_string_substr_case_list_count>(
-        MAGIC_TAZE_PATTERN_STR_SUBSTR_CASE, kMain),
-    lists<&Image::ip_range_lists, &Image::max_ip_range_list_count>(MAGIC_TAZE_PATTERN_IP, kBoth),
-    lists<&Image::ipv6_range_lists, &Image::max_ipv6_range_list_count>(MAGIC_TAZE_PATTERN_IPV6, kBoth),
-    lists<&Image::port_range_lists, &Image::max_port_range_list_count>(MAGIC_TAZE_PATTERN_PORT, kBoth),
-    lists<&Image::str_int_map_lists, &Image::max_str_int_map_list_count>(MAGIC_TAZE_PATTERN_STR_INT_MAP, kBoth),
-    lists<&Image::prefix_int_map_lists, &Image::max_prefix_int_map_list_count>(
-        MAGIC_TAZE_PATTERN_PREFIX_INT_MAP, kBoth),
-    lists<&Image::suffix_int_map_lists, &Image::max_suffix_int_map_list_count>(
-        MAGIC_TAZE_PATTERN_SUFFIX_INT_MAP, kBoth),
-    lists<&Image::substr_int_map_lists, &Image::max_substr_int_map_list_count>(
-        MAGIC_TAZE_PATTERN_SUBSTR_INT_MAP, kBoth),
-    lists<&Image::int_int_map_lists, &Image::max_int_int_map_list_count>(MAGIC_TAZE_PATTERN_INT_INT_MAP, kBoth),
-    lists<&Image::int_str_map_lists, &Image::max_int_str_map_list_count>(MAGIC_TAZE_PATTERN_INT_STR_MAP, kBoth),
-    lists<&Image::int_prefix_map_lists, &Image::max_int_prefix_map_list_count>(
-        MAGIC_TAZE_PATTERN_INT_PREFIX_MAP, kBoth),
-    lists<&Image::int_suffix_map_lists, &Image::max_int_suffix_map_list_count>(
-        MAGIC_TAZE_PATTERN_INT_SUFFIX_MAP, kBoth),
-    lists<&Image::int_substr_map_lists, &Image::max_int_substr_map_list_count>(
-        MAGIC_TAZE_PATTERN_INT_SUBSTR_MAP, kBoth),
-    lists<&Image::str_str_map_lists, &Image::max_str_str_map_list_count>(MAGIC_TAZE_PATTERN_STR_STR_MAP, kBoth),
-    lists<&Image::str_prefix_map_lists, &Image::max_str_prefix_map_list_count>(
-        MAGIC_TAZE_PATTERN_STR_PREFIX_MAP, kBoth),
-    lists<&Image::str_suffix_map_lists, &Image::max_str_suffix_map_list_count>(
-        MAGIC_TAZE_PATTERN_STR_SUFFIX_MAP, kBoth),
-    lists<&Image::str_substr_map_lists, &Image::max_str_substr_map_list_count>(
-        MAGIC_TAZE_PATTERN_STR_SUBSTR_MAP, kBoth),
-    lists<&Image::prefix_str_map_lists, &Image::max_prefix_str_map_list_count>(
-        MAGIC_TAZE_PATTERN_PREFIX_STR_MAP, kBoth),
-    lists<&Image::prefix_prefix_map_lists, &Image::max_prefix_prefix_map_list_count>(
-        MAGIC_TAZE_PATTERN_PREFIX_PREFIX_MAP, kBoth),
-    lists<&Image::prefix_suffix_map_lists, &Image::max_prefix_suffix_map_list_count>(
-        MAGIC_TAZE_PATTERN_PREFIX_SUFFIX_MAP, kBoth),
-    lists<&Image::prefix_substr_map_lists, &Image::max_prefix_substr_map_list_count>(
-        MAGIC_TAZE_PATTERN_PREFIX_SUBSTR_MAP, kBoth),
-    lists<&Image::suffix_str_map_lists, &Image::max_suffix_str_map_list_count>(
-        MAGIC_TAZE_PATTERN_SUFFIX_STR_MAP, kBoth),
-    lists<&Image::suffix_prefix_map_lists, &Image::max_suffix_prefix_map_list_count>(
-        MAGIC_TAZE_PATTERN_SUFFIX_PREFIX_MAP, kBoth),
-    lists<&Image::suffix_suffix_map_lists, &Image::max_suffix_suffix_map_list_count>(
-        MAGIC_TAZE_PATTERN_SUFFIX_SUFFIX_MAP, kBoth),
-    lists<&Image::suffix_substr_map_lists, &Image::max_suffix_substr_map_list_count>(
-        MAGIC_TAZE_PATTERN_SUFFIX_SUBSTR_MAP, kBoth),
-    lists<&Image::substr_str_map_lists, &Image::max_substr_str_map_list_count>(
-        MAGIC_TAZE_PATTERN_SUBSTR_STR_MAP, kBoth),
-    lists<&Image::substr_prefix_map_lists, &Image::max_substr_prefix_map_list_count>(
-        MAGIC_TAZE_PATTERN_SUBSTR_PREFIX_MAP, kBoth),
-    lists<&Image::substr_suffix_map_lists, &Image::max_substr_suffix_map_list_count>(
-        MAGIC_TAZE_PATTERN_SUBSTR_SUFFIX_MAP, kBoth),
-    lists<&Image::substr_substr_map_lists, &Image::max_substr_substr_map_list_count>(
-        MAGIC_TAZE_PATTERN_SUBSTR_SUBSTR_MAP, kBoth),
-    lists<&Image::string_ipv6_map_lists, &Image::max_string_ipv6_map_list_count>(
-        MAGIC_TAZE_PATTERN_STR_IPV6_MAP, kBoth),
-    lists<&Image::prefix_ipv6_map_lists, &Image::max_prefix_ipv6_map_list_count>(
-        MAGIC_TAZE_PATTERN_PREFIX_IPV6_MAP, kBoth),
-    lists<&Image::suffix_ipv6_map_lists, &Image::max_suffix_ipv6_map_list_count>(
-        MAGIC_TAZE_PATTERN_SUFFIX_IPV6_MAP, kBoth),
-    lists<&Image::substr_ipv6_map_lists, &Image::max_substr_ipv6_map_list_count>(
-        MAGIC_TAZE_PATTERN_SUBSTR_IPV6_MAP, kBoth),
-    lists<&Image::ipv6_int_map_lists, &Image::max_ipv6_int_map_list_count>(MAGIC_TAZE_PATTERN_IPV6_INT_MAP, kBoth),
+#define TAZ_SECTION_ROW(field, count, record, magic, key, value, cs, kinds) \
+    lists<&Image::field, &Image::count>(magic, taze::Kinds::kinds),
+    TAZ_FAMILIES(TAZ_SECTION_ROW)
+#undef TAZ_SECTION_ROW
     info<taz_load_rule_info_ptns>(MAGIC_TAZE_PATTERN_RULE_INFO, kBoth, taz_unload_rule_info_ptns),
     info<taz_load_clean_info_ptns>(MAGIC_TAZE_PATTERN_CLEAN_INFO, kBoth, taz_unload_clean_info_ptns),
     info<taz_load_ptn_info_ptns>(MAGIC_TAZE_PATTERN_PATTERN_INFO, kBoth, nullptr),
@@ -656,18 +538,12 @@ void ulm_pattern_init(taz_pattern_st *ptn)
 UINT32 taz_get_max_list_count(const unsigned char *ptn_buf, UINT32 ptn_len, UINT32 count)
 {
     if (ptn_buf == nullptr) return 0;
-    LeCursor c(ptn_buf, ptn_len);
     UINT32 max = 0;
-    std::uint64_t off = 0;
-    for (UINT32 k = 0; k < count; ++k) {
-        c.seek(off);
-        UINT32 number = 0, size = 0, n = 0;
-        if (!c.list_header(number, size, n)) return 0;
-        off += kListHeader + size;
-        if (!c.within(off)) return 0;
+    const bool whole = taze::walk_list_headers(ptn_buf, ptn_len, count, [&max](UINT32 number, UINT32, UINT32, LeCursor &) {
         max = std::max(max, UINT32(number + 1u));
-    }
-    return max;
+        return true;
+    });
+    return whole ? max : 0;
 }
 
 /* The second kind's name section: lists of (length, name, terminator). A
@@ -675,69 +551,19 @@ UINT32 taz_get_max_list_count(const unsigned char *ptn_buf, UINT32 ptn_len, UINT
 int taz_load_ulm_info_ptns(taz_pattern_st *ptn, const unsigned char *ptn_buf, UINT32 ptn_len, UINT32 count)
 {
     if (!args_ok<Pre::ByImage>(ptn, ptn_buf, ptn_len)) return -1;
-    LeCursor c(ptn_buf, ptn_len);
-    std::uint64_t off = 0;
-    for (UINT32 k = 0; k < count; ++k) {
-        c.seek(off);
-        UINT32 magic = 0, size = 0, n = 0;
-        if (!c.list_header(magic, size, n)) return -1;
-        off += kListHeader + size;
-        if (!c.within(off)) return -1;
-        if (n == 0) continue;
+    const bool ok = taze::walk_list_headers(ptn_buf, ptn_len, count, [ptn](UINT32 magic, UINT32, UINT32 n, LeCursor &c) {
+        if (n == 0) return true;
         if (magic == MAGIC_TAZE_PATTERN_ULM_INFO) {
             counted_string_t name{};
-            if (!c.str(name, true)) return -1;
+            if (!c.str(name, true)) return false;
             ptn->ulm_info.malname = name.ptr;
         } else {
             VK_DEBUG_PRINTF(VKDEBUG_ERR, "BUG: Un-recognized pattern info pattern header magic: %08x", magic);
         }
-    }
-    return 0;
+        return true;
+    });
+    return ok ? 0 : -1;
 }
-
-/* The per-family loaders and releasers: thin instantiations of the list walk.
- * The image-held families find their list array in the image; the releasers'
- * assertions read through the image, so an absent image is ignored first. */
-#define TAZ_LOADER(load, type, first, records)                                                            \
-    int load(type *first, const unsigned char *ptn_buf, UINT32 ptn_len, UINT32 count, INT32 limit)        \
-    {                                                                                                     \
-        return load_direct(first, records, ptn_buf, ptn_len, count, limit);                               \
-    }
-
-#define TAZ_IMAGE_FAMILY(load, unload, field)                                                             \
-    TAZ_LOADER(load, taz_pattern_st, ptn, ptn ? ptn->field : nullptr)                                     \
-    void unload(taz_pattern_st *ptn, INT32 limit)                                                         \
-    {                                                                                                     \
-        if (ptn == nullptr) return;                                                                       \
-        assert(limit == 0 || ptn != ((void *)0) || ptn->field != ((void *)0));                            \
-        release_limit(ptn->field, limit);                                                                 \
-    }
-
-#define TAZ_LIST_FAMILY(load, unload, record)                                                             \
-    TAZ_LOADER(load, record, plist, plist)                                                                \
-    void unload(record *plist, INT32 limit)                                                               \
-    {                                                                                                     \
-        assert(limit == 0 || plist != ((void *)0));                                                       \
-        release_limit(plist, limit);                                                                      \
-    }
-
-TAZ_IMAGE_FAMILY(taz_load_string_ptns, taz_unload_string_ptns, string_lists)
-TAZ_IMAGE_FAMILY(taz_load_string_prefix_ptns, taz_unload_string_prefix_ptns, string_prefix_lists)
-TAZ_IMAGE_FAMILY(taz_load_string_suffix_ptns, taz_unload_string_suffix_ptns, string_suffix_lists)
-TAZ_IMAGE_FAMILY(taz_load_string_substring_ptns, taz_unload_string_substring_ptns, string_substring_lists)
-TAZ_IMAGE_FAMILY(taz_load_string_case_ptns, taz_unload_string_case_ptns, string_case_lists)
-TAZ_IMAGE_FAMILY(taz_load_string_prefix_case_ptns, taz_unload_string_prefix_case_ptns, string_prefix_case_lists)
-TAZ_IMAGE_FAMILY(taz_load_string_suffix_case_ptns, taz_unload_string_suffix_case_ptns, string_suffix_case_lists)
-TAZ_IMAGE_FAMILY(taz_load_string_substring_case_ptns, taz_unload_string_substring_case_ptns, string_substr_case_lists)
-TAZ_IMAGE_FAMILY(taz_load_ip_range_ptns, taz_unload_ip_range_ptns, ip_range_lists)
-TAZ_IMAGE_FAMILY(taz_load_ipv6_range_ptns, taz_unload_ipv6_range_ptns, ipv6_range_lists)
-TAZ_IMAGE_FAMILY(taz_load_port_range_ptns, taz_unload_port_range_ptns, port_range_lists)
-TAZ_IMAGE_FAMILY(taz_load_int_int_map_ptns, taz_unload_int_int_map_ptns, int_int_map_lists)
-TAZ_IMAGE_FAMILY(taz_load_ipv6_int_map_ptns, taz_unload_ipv6_int_map_ptns, ipv6_int_map_lists)
-TAZ_LIST_FAMILY(taz_load_str_int_map_ptns, taz_unload_str_int_map_ptns, simap_list_st)
-TAZ_LIST_FAMILY(taz_load_str_ipv6_map_ptns, taz_unload_str_ipv6_map_ptns, sipv6map_list_st)
-TAZ_LIST_FAMILY(taz_load_int_str_map_ptns, taz_unload_int_str_map_ptns, ismap_list_st)
-TAZ_LIST_FAMILY(taz_load_str_str_map_ptns, taz_unload_str_str_map_ptns, ssmap_list_st)
 
 #ifndef MADV_POPULATE_WRITE
 #define MADV_POPULATE_WRITE 23 /* Linux 5.14 */

@@ -11,6 +11,7 @@
 #include <type_traits>
 
 #include "byteorder.h"
+#include "format.h"
 #include "tazapi.h"
 #include "taze_impl.h"
 #include "taze_ptn.h"
@@ -31,7 +32,7 @@ constexpr std::uint64_t kMinStride = 4;
  * so without a cap every record of a small section could claim an array as
  * long as the rest of the section, and the section would allocate the
  * square of its size. A well-formed section stays far below this. */
-constexpr std::uint64_t kAllowance = std::uint64_t(1) << 20;
+using taze::kAllowance;
 
 /* The allowance left to the section being loaded on this thread (null
  * outside a section loader). */
@@ -69,8 +70,7 @@ static_assert(sizeof(taz_threat_type_info_st) * 2 == kThreatTypeSlot, "threat ty
 
 /* ---- Field readers ------------------------------------------------------ */
 
-bool read_field(LeCursor &c, UINT16 &v) { return c.u16(v); }
-bool read_field(LeCursor &c, UINT32 &v) { return c.u32(v); }
+using taze::read_field;
 /* A string: u32 byte count, the bytes, a terminator byte that must lie in
  * the section (its value is not looked at). The pointer is the first byte. */
 bool read_field(LeCursor &c, Str &v)
@@ -222,17 +222,10 @@ void release_known(taz_known_risk_info_st &k)
 template <typename OnList>
 int walk_lists(const unsigned char *buf, UINT32 len, UINT32 m, OnList &&on_list)
 {
-    LeCursor c(buf, len);
-    for (UINT32 i = 0; i < m; ++i) {
-        const std::uint64_t start = c.pos();
-        UINT32 magic = 0, size = 0, count = 0;
-        if (!c.list_header(magic, size, count)) return -1;
-        const std::uint64_t next = start + 12 + std::uint64_t(size);
-        if (!c.within(next)) return -1;
-        if (count != 0 && !on_list(magic, count, LeCursor(buf, len, c.pos()))) return -1;
-        c.seek(next);
-    }
-    return 0;
+    const bool ok = taze::walk_list_headers(buf, len, m, [&](UINT32 magic, UINT32, UINT32 count, LeCursor &c) {
+        return count == 0 || on_list(magic, count, LeCursor(buf, len, c.pos()));
+    });
+    return ok ? 0 : -1;
 }
 
 enum class MagicText { PatternInfo, ThreatType };
@@ -274,8 +267,8 @@ bool default_list(LeCursor c, UINT32 count, taz_risk_info_st &inbound, taz_risk_
     for (UINT32 i = 0; i < count; ++i) {
         taz_risk_info_st r{};
         if (!read_record(c, [&r](LeCursor &fc) { return read_risk(fc, r); })) return false;
-        if (r.direction == 2) inbound = r;
-        else if (r.direction == 3) outbound = r;
+        if (r.direction == TAZ_DIR_INBOUND) inbound = r;
+        else if (r.direction == TAZ_DIR_OUTBOUND) outbound = r;
     }
     return true;
 }
@@ -419,7 +412,7 @@ V value_of(const T *e, V T::*field)
     return e ? e->*field : V{};
 }
 
-const taz_rule_info_st *rule_at(UINT32 index, const taz_pattern_st *sp)
+const taz_rule_info_st *rule_at(const taz_pattern_st *sp, UINT32 index)
 {
     return sp ? entry_at(sp->rule_info_list.rule_infos, sp->rule_info_list.nr_rule_infos, index) : nullptr;
 }
@@ -430,12 +423,12 @@ const taz_rule_info_st *rule_by_id(const taz_pattern_st *sp, UINT32 rule_id)
     return rule_id != 0 ? taz_rule_info_get(sp, rule_id) : nullptr;
 }
 
-const taz_protocol_info_st *protocol_at(UINT32 index, const taz_pattern_st *sp)
+const taz_protocol_info_st *protocol_at(const taz_pattern_st *sp, UINT32 index)
 {
     return sp ? entry_at(sp->protocol_info.prot_infos, sp->protocol_info.nr_prot_infos, index) : nullptr;
 }
 
-const taz_protocol_group_info_st *group_at(UINT32 index, const taz_pattern_st *sp)
+const taz_protocol_group_info_st *group_at(const taz_pattern_st *sp, UINT32 index)
 {
     return sp ? entry_at(sp->protocol_info.prog_infos, sp->protocol_info.nr_prog_infos, index) : nullptr;
 }
@@ -465,15 +458,15 @@ const taz_protocol_group_info_st *taz_protocol_group_get(const taz_pattern_st *s
 
 /* Group positions and member positions come from the file unchecked; one
  * that is out of range answers 0 like a missing entry. */
-UINT32 group_id_of(const taz_protocol_info_st *p, const taz_pattern_st *sp)
+UINT32 group_id_of(const taz_pattern_st *sp, const taz_protocol_info_st *p)
 {
-    return p ? taz_protocol_group_index_id(p->group_idx, sp) : 0;
+    return p ? taz_protocol_group_index_id(sp, p->group_idx) : 0;
 }
 
-UINT32 member_protocol_id(const taz_protocol_group_info_st *g, UINT32 protocol_index, const taz_pattern_st *sp)
+UINT32 member_protocol_id(const taz_pattern_st *sp, const taz_protocol_group_info_st *g, UINT32 protocol_index)
 {
     const UINT32 *pos = g ? entry_at(g->protocol_idx, g->nr_protocol_idxs, protocol_index) : nullptr;
-    return pos ? taz_protocol_index_id(*pos, sp) : 0;
+    return pos ? taz_protocol_index_id(sp, *pos) : 0;
 }
 
 /* Whether one clean entry applies: -1 for a missing entry or output, 1 with
@@ -483,7 +476,7 @@ int taz_clean_parameter_check(const taz_clean_info_st *ci, UINT32 protocol, UINT
 {
     if (!ci || !target) return -1;
     if (protocol > ci->protocol.port_h || protocol < ci->protocol.port_l) return 0;
-    if (ci->direction != 1 && ci->direction != direction) return 0;
+    if (ci->direction != TAZ_DIR_ANY && ci->direction != direction) return 0;
     if (ci->target == 0) return 0;
     *target = ci->target;
     return 1;
@@ -518,7 +511,7 @@ const taz_known_risk_info_st *first_fit(const taz_known_risk_info_st *arr, UINT3
 {
     for (UINT32 i = 0; arr && i < nr; ++i) {
         const taz_known_risk_info_st &k = arr[i];
-        if ((k.info.direction == direction || k.info.direction == 1) && k.protocol_ranges.port_ranges &&
+        if ((k.info.direction == direction || k.info.direction == TAZ_DIR_ANY) && k.protocol_ranges.port_ranges &&
             port_rng_list_search(static_cast<unsigned short>(protocol), &k.protocol_ranges) == 1)
             return &k;
     }
@@ -536,8 +529,8 @@ int give_risk(const taz_risk_info_st &r, UINT32 *policy_id, UINT32 *severity)
 int give_default(UINT32 direction, const taz_risk_info_st &inbound, const taz_risk_info_st &outbound,
                  UINT32 *policy_id, UINT32 *severity)
 {
-    if (direction == 2) return give_risk(inbound, policy_id, severity);
-    if (direction == 3) return give_risk(outbound, policy_id, severity);
+    if (direction == TAZ_DIR_INBOUND) return give_risk(inbound, policy_id, severity);
+    if (direction == TAZ_DIR_OUTBOUND) return give_risk(outbound, policy_id, severity);
     return -1;
 }
 
@@ -611,7 +604,7 @@ void taz_unload_severity_ptns(taz_pattern_st *ptn)
  * failure value (0 or null). Rule ids are looked up by bisection (id 0 is
  * never searched); protocol and group ids fall back to entry 0. */
 #define TAZ_BY_INDEX(type, name, locate, record, field) \
-    type name(UINT32 index, const taz_pattern_st *sp) { return value_of(locate(index, sp), &record::field); }
+    type name(const taz_pattern_st *sp, UINT32 index) { return value_of(locate(sp, index), &record::field); }
 #define TAZ_BY_ID(type, name, locate, record, field) \
     type name(const taz_pattern_st *sp, UINT32 id) { return value_of(locate(sp, id), &record::field); }
 TAZ_BY_INDEX(UINT32, taz_rule_index_rule_id, rule_at, taz_rule_info_st, rule_id)
@@ -684,24 +677,24 @@ UINT32 taz_protocol_count(const taz_pattern_st *sp) { return sp ? sp->protocol_i
 
 UINT32 taz_protocol_group_count(const taz_pattern_st *sp) { return sp ? sp->protocol_info.nr_prog_infos : 0; }
 
-UINT32 taz_protocol_index_group_id(UINT32 index, const taz_pattern_st *sp)
+UINT32 taz_protocol_index_group_id(const taz_pattern_st *sp, UINT32 index)
 {
-    return group_id_of(protocol_at(index, sp), sp);
+    return group_id_of(sp, protocol_at(sp, index));
 }
 
-UINT32 taz_protocol_group_index_protocol_index(UINT32 group_index, UINT32 protocol_index, const taz_pattern_st *sp)
+UINT32 taz_protocol_group_index_protocol_index(const taz_pattern_st *sp, UINT32 group_index, UINT32 protocol_index)
 {
-    return member_protocol_id(group_at(group_index, sp), protocol_index, sp);
+    return member_protocol_id(sp, group_at(sp, group_index), protocol_index);
 }
 
 UINT32 taz_protocol_id_group_id(const taz_pattern_st *sp, UINT32 protocol_id)
 {
-    return group_id_of(taz_protocol_get(sp, protocol_id), sp);
+    return group_id_of(sp, taz_protocol_get(sp, protocol_id));
 }
 
 UINT32 taz_protocol_group_id_protocol_index_id(const taz_pattern_st *sp, UINT32 group_id, UINT32 protocol_index)
 {
-    return member_protocol_id(taz_protocol_group_get(sp, group_id), protocol_index, sp);
+    return member_protocol_id(sp, taz_protocol_group_get(sp, group_id), protocol_index);
 }
 
 /* ---- Risk, threat type, second-kind name ------------------------------------ */

@@ -4,6 +4,7 @@
 
 #include "linux_x64.h"
 #include "taze_util.h"
+#include "families.h"
 
 #ifdef __cplusplus
 extern "C" {
@@ -23,6 +24,9 @@ typedef struct taz_pattern_hdr_st {
     UINT32 size;
     UINT32 count;
 } taz_pattern_hdr_st;
+
+/* Direction codes of clean entries and the risk tables. */
+enum taz_direction_e { TAZ_DIR_ANY = 1, TAZ_DIR_INBOUND = 2, TAZ_DIR_OUTBOUND = 3 };
 
 typedef struct taz_clean_info_st {
     port_rng_st protocol;
@@ -120,50 +124,12 @@ typedef struct taz_threat_type_info_list_st {
 typedef struct taz_pattern_st taz_pattern_st;
 #endif
 
-#define TAZ_LISTS(type, name, count) type *name; UINT32 count;
+/* Each list, range and map family is a list array and its count
+ * (families.h), in table order. */
+#define TAZ_IMAGE_FIELDS(field, count, record, ...) record *field; UINT32 count;
 
 struct taz_pattern_st {
-    TAZ_LISTS(str_list_st, string_lists, max_string_list_count)
-    TAZ_LISTS(str_prefix_list_st, string_prefix_lists, max_string_prefix_list_count)
-    TAZ_LISTS(str_suffix_list_st, string_suffix_lists, max_string_suffix_list_count)
-    TAZ_LISTS(str_substring_list_st, string_substring_lists, max_string_substring_list_count)
-    TAZ_LISTS(str_case_list_st, string_case_lists, max_string_case_list_count)
-    TAZ_LISTS(str_prefix_case_list_st, string_prefix_case_lists, max_string_prefix_case_list_count)
-    TAZ_LISTS(str_suffix_case_list_st, string_suffix_case_lists, max_string_suffix_case_list_count)
-    TAZ_LISTS(str_substr_case_list_st, string_substr_case_lists, max_string_substr_case_list_count)
-    TAZ_LISTS(ip_rng_list_st, ip_range_lists, max_ip_range_list_count)
-    TAZ_LISTS(ipv6_rng_list_st, ipv6_range_lists, max_ipv6_range_list_count)
-    TAZ_LISTS(port_rng_list_st, port_range_lists, max_port_range_list_count)
-    TAZ_LISTS(simap_list_st, str_int_map_lists, max_str_int_map_list_count)
-    TAZ_LISTS(simap_list_st, prefix_int_map_lists, max_prefix_int_map_list_count)
-    TAZ_LISTS(simap_list_st, suffix_int_map_lists, max_suffix_int_map_list_count)
-    TAZ_LISTS(simap_list_st, substr_int_map_lists, max_substr_int_map_list_count)
-    TAZ_LISTS(iimap_list_st, int_int_map_lists, max_int_int_map_list_count)
-    TAZ_LISTS(ismap_list_st, int_str_map_lists, max_int_str_map_list_count)
-    TAZ_LISTS(ismap_list_st, int_prefix_map_lists, max_int_prefix_map_list_count)
-    TAZ_LISTS(ismap_list_st, int_suffix_map_lists, max_int_suffix_map_list_count)
-    TAZ_LISTS(ismap_list_st, int_substr_map_lists, max_int_substr_map_list_count)
-    TAZ_LISTS(ssmap_list_st, str_str_map_lists, max_str_str_map_list_count)
-    TAZ_LISTS(ssmap_list_st, str_prefix_map_lists, max_str_prefix_map_list_count)
-    TAZ_LISTS(ssmap_list_st, str_suffix_map_lists, max_str_suffix_map_list_count)
-    TAZ_LISTS(ssmap_list_st, str_substr_map_lists, max_str_substr_map_list_count)
-    TAZ_LISTS(ssmap_list_st, prefix_str_map_lists, max_prefix_str_map_list_count)
-    TAZ_LISTS(ssmap_list_st, prefix_prefix_map_lists, max_prefix_prefix_map_list_count)
-    TAZ_LISTS(ssmap_list_st, prefix_suffix_map_lists, max_prefix_suffix_map_list_count)
-    TAZ_LISTS(ssmap_list_st, prefix_substr_map_lists, max_prefix_substr_map_list_count)
-    TAZ_LISTS(ssmap_list_st, suffix_str_map_lists, max_suffix_str_map_list_count)
-    TAZ_LISTS(ssmap_list_st, suffix_prefix_map_lists, max_suffix_prefix_map_list_count)
-    TAZ_LISTS(ssmap_list_st, suffix_suffix_map_lists, max_suffix_suffix_map_list_count)
-    TAZ_LISTS(ssmap_list_st, suffix_substr_map_lists, max_suffix_substr_map_list_count)
-    TAZ_LISTS(ssmap_list_st, substr_str_map_lists, max_substr_str_map_list_count)
-    TAZ_LISTS(ssmap_list_st, substr_prefix_map_lists, max_substr_prefix_map_list_count)
-    TAZ_LISTS(ssmap_list_st, substr_suffix_map_lists, max_substr_suffix_map_list_count)
-    TAZ_LISTS(ssmap_list_st, substr_substr_map_lists, max_substr_substr_map_list_count)
-    TAZ_LISTS(sipv6map_list_st, string_ipv6_map_lists, max_string_ipv6_map_list_count)
-    TAZ_LISTS(sipv6map_list_st, prefix_ipv6_map_lists, max_prefix_ipv6_map_list_count)
-    TAZ_LISTS(sipv6map_list_st, suffix_ipv6_map_lists, max_suffix_ipv6_map_list_count)
-    TAZ_LISTS(sipv6map_list_st, substr_ipv6_map_lists, max_substr_ipv6_map_list_count)
-    TAZ_LISTS(ipv6imap_list_st, ipv6_int_map_lists, max_ipv6_int_map_list_count)
+    TAZ_FAMILIES(TAZ_IMAGE_FIELDS)
     taz_rule_info_list_st rule_info_list;
     taz_clean_info_list_st clean_info_list;
     taz_protocol_info_list_st protocol_info;
@@ -175,16 +141,16 @@ struct taz_pattern_st {
     UINT32 ptn_len;         /* payload bytes, without the padding */
     void *fast;             /* load-time acceleration indexes, or null */
 };
-#undef TAZ_LISTS
+#undef TAZ_IMAGE_FIELDS
 
 /* ---- Rule, clean, protocol, risk and threat lookups ------------------- */
 UINT32 taz_rule_count(const taz_pattern_st *sp);
-UINT32 taz_rule_index_rule_id(UINT32 index, const taz_pattern_st *sp);
-const unsigned char *taz_rule_index_desc(UINT32 index, const taz_pattern_st *sp);
-const unsigned char *taz_rule_index_risk_type(UINT32 index, const taz_pattern_st *sp);
-UINT32 taz_rule_index_risk_type_group(UINT32 index, const taz_pattern_st *sp);
-UINT32 taz_rule_index_confidence_level(UINT32 index, const taz_pattern_st *sp);
-UINT32 taz_rule_index_enable(UINT32 index, const taz_pattern_st *sp);
+UINT32 taz_rule_index_rule_id(const taz_pattern_st *sp, UINT32 index);
+const unsigned char *taz_rule_index_desc(const taz_pattern_st *sp, UINT32 index);
+const unsigned char *taz_rule_index_risk_type(const taz_pattern_st *sp, UINT32 index);
+UINT32 taz_rule_index_risk_type_group(const taz_pattern_st *sp, UINT32 index);
+UINT32 taz_rule_index_confidence_level(const taz_pattern_st *sp, UINT32 index);
+UINT32 taz_rule_index_enable(const taz_pattern_st *sp, UINT32 index);
 
 const taz_rule_info_st *taz_rule_info_get(const taz_pattern_st *sp, UINT32 rule_id);
 const unsigned char *taz_rule_id_description(const taz_pattern_st *sp, UINT32 rule_id);
@@ -203,14 +169,14 @@ int taz_clean_info_get_clean(const taz_pattern_st *sp, UINT32 protocol, UINT32 *
 
 UINT32 taz_protocol_count(const taz_pattern_st *sp);
 UINT32 taz_protocol_group_count(const taz_pattern_st *sp);
-UINT32 taz_protocol_index_id(UINT32 index, const taz_pattern_st *sp);
-const unsigned char *taz_protocol_index_desc(UINT32 index, const taz_pattern_st *sp);
-UINT32 taz_protocol_index_group_id(UINT32 index, const taz_pattern_st *sp);
-UINT32 taz_protocol_group_index_id(UINT32 group_index, const taz_pattern_st *sp);
-const unsigned char *taz_protocol_group_index_desc(UINT32 group_index, const taz_pattern_st *sp);
-UINT32 taz_protocol_group_index_protocol_count(UINT32 group_index, const taz_pattern_st *sp);
-UINT32 taz_protocol_group_index_protocol_index(UINT32 group_index, UINT32 protocol_index,
-                                               const taz_pattern_st *sp);
+UINT32 taz_protocol_index_id(const taz_pattern_st *sp, UINT32 index);
+const unsigned char *taz_protocol_index_desc(const taz_pattern_st *sp, UINT32 index);
+UINT32 taz_protocol_index_group_id(const taz_pattern_st *sp, UINT32 index);
+UINT32 taz_protocol_group_index_id(const taz_pattern_st *sp, UINT32 group_index);
+const unsigned char *taz_protocol_group_index_desc(const taz_pattern_st *sp, UINT32 group_index);
+UINT32 taz_protocol_group_index_protocol_count(const taz_pattern_st *sp, UINT32 group_index);
+UINT32 taz_protocol_group_index_protocol_index(const taz_pattern_st *sp, UINT32 group_index,
+                                               UINT32 protocol_index);
 const unsigned char *taz_protocol_id_desc(const taz_pattern_st *sp, UINT32 protocol_id);
 UINT32 taz_protocol_id_group_id(const taz_pattern_st *sp, UINT32 protocol_id);
 const unsigned char *taz_protocol_group_id_desc(const taz_pattern_st *sp, UINT32 group_id);

@@ -4,6 +4,7 @@
 // Case folding is ASCII only and does not depend on the locale; bytes always
 // compare as unsigned values. Sorted lists are searched by the one bisection
 // of bisect.h, substring rules by a scan of the entries in stored order.
+#include "format.h"
 #include "taze_util.h"
 
 #include <algorithm>
@@ -24,20 +25,7 @@ using Finder = const unsigned char *(*)(const counted_string_t *, const counted_
 
 // ---- Case folding -----------------------------------------------------------
 
-constexpr unsigned char fold_ascii(unsigned char c)
-{
-    return (c >= 'A' && c <= 'Z') ? static_cast<unsigned char>(c + 0x20) : c;
-}
-
-constexpr std::array<unsigned char, 256> make_fold_table()
-{
-    std::array<unsigned char, 256> t{};
-    for (unsigned i = 0; i < 256; ++i) t[i] = fold_ascii(static_cast<unsigned char>(i));
-    return t;
-}
-constexpr std::array<unsigned char, 256> kFold = make_fold_table();
-static_assert(kFold['A'] == 'a' && kFold['Z'] == 'z' && kFold['a'] == 'a');
-static_assert(kFold['@'] == '@' && kFold['['] == '[' && kFold[0xC4] == 0xC4);
+constexpr const taze::ByteMap &kFold = taze::kFoldTable;
 
 struct Folded {
     static int at(const unsigned char *p) { return kFold[*p]; }
@@ -236,12 +224,11 @@ Entries<E> entries(const E *items, UINT32 count)
 {
     return {items, items ? count : 0};
 }
-Entries<simap_st> entries(const simap_list_st &l) { return entries(l.str_int_maps, l.nr_str_int_maps); }
-Entries<sipv6map_st> entries(const sipv6map_list_st &l) { return entries(l.str_ipv6_maps, l.nr_str_ipv6_maps); }
-Entries<ipv6imap_st> entries(const ipv6imap_list_st &l) { return entries(l.ipv6_int_maps, l.nr_ipv6_int_maps); }
-Entries<iimap_st> entries(const iimap_list_st &l) { return entries(l.int_int_maps, l.nr_int_int_maps); }
-Entries<ismap_st> entries(const ismap_list_st &l) { return entries(l.int_str_maps, l.nr_int_str_maps); }
-Entries<ssmap_st> entries(const ssmap_list_st &l) { return entries(l.str_str_maps, l.nr_str_str_maps); }
+template <class List, class = decltype(taze::list_traits<List>::items)>
+Entries<typename taze::list_traits<List>::elem> entries(const List &l)
+{
+    return entries(taze::entry_items(l), l.*taze::list_traits<List>::count);
+}
 Entries<taz_rule_info_st> entries(const taz_rule_info_list_st &l) { return entries(l.rule_infos, l.nr_rule_infos); }
 
 template <class E, class Key>
@@ -307,7 +294,7 @@ template <class Method, class List>
 int string_list_search(const unsigned char *s, const List *list)
 {
     if (!s || !list) return 0;
-    return Method::hit(counted(s), entries(list->strings, list->nr_strings)) ? 1 : 0;
+    return Method::hit(counted(s), entries(*list)) ? 1 : 0;
 }
 
 template <class E>
@@ -454,16 +441,16 @@ TAZ_STRING_LIST_SEARCH(str_substr_case_list, Scanned<str_str>)
 
 int ip_rng_list_search(unsigned int ip, const ip_rng_list_st *list)
 {
-    return list && bisect_entries(ip, entries(list->ip_ranges, list->nr_ip_ranges), ip_rng_compare_single);
+    return list && bisect_entries(ip, entries(*list), ip_rng_compare_single);
 }
 int ipv6_rng_list_search(const unsigned char *ipv6, const ipv6_rng_list_st *list)
 {
     return ipv6 && list &&
-           bisect_entries(ipv6, entries(list->ipv6_ranges, list->nr_ipv6_ranges), ipv6_rng_compare_single);
+           bisect_entries(ipv6, entries(*list), ipv6_rng_compare_single);
 }
 int port_rng_list_search(unsigned short port, const port_rng_list_st *list)
 {
-    return list && bisect_entries(port, entries(list->port_ranges, list->nr_port_ranges), port_rng_compare_single);
+    return list && bisect_entries(port, entries(*list), port_rng_compare_single);
 }
 
 // ---- Maps -------------------------------------------------------------------------

@@ -34,22 +34,7 @@ extern "C" {
 
 UINT16 bigEndianToU16(const unsigned char *p);
 UINT32 bigEndianToU32(const unsigned char *p);
-UINT16 littleEndianToU16(const unsigned char *p);
 UINT32 littleEndianToU32(const unsigned char *p);
-void u16ToBigEndian(UINT16 v, unsigned char *p);
-void u32ToBigEndian(UINT32 v, unsigned char *p);
-void u16ToLittleEndian(UINT16 v, unsigned char *p);
-void u32ToLittleEndian(UINT32 v, unsigned char *p);
-UINT32 h2nl(UINT32 v);
-UINT16 h2ns(UINT16 v);
-UINT32 n2hl(UINT32 v);
-UINT16 n2hs(UINT16 v);
-void h2n_korm(KORMHEAD *h);
-void n2h_korm(KORMHEAD *h);
-void h2n_sub(KORMSUB *s);
-void n2h_sub(KORMSUB *s);
-void h2n_enc(PENCHEAD e);
-void n2h_enc(PENCHEAD e);
 
 #ifdef __cplusplus
 }

@@ -416,6 +416,7 @@ TEST(ApiRules, ProtocolsAndGroups)
                                 {"group 3 size", num1(TAZE_GetProtocolGroupIndexProtocolCount, 3), 0, 0},
                                 {"group past the end size", num1(TAZE_GetProtocolGroupIndexProtocolCount, 4), 0, 0},
                                 {"group 1 member 1", num2(TAZE_GetProtocolGroupIndexProtocolIndex, 1, 1), 0, 17},
+                                {"group 1 member 0", num2(TAZE_GetProtocolGroupIndexProtocolIndex, 1, 0), 0, 6},
                                 {"group 1 member 2", num2(TAZE_GetProtocolGroupIndexProtocolIndex, 1, 2), 0, 0},
                                 {"group 0 member 0", num2(TAZE_GetProtocolGroupIndexProtocolIndex, 0, 0), 0, 1},
                                 {"empty group member 0", num2(TAZE_GetProtocolGroupIndexProtocolIndex, 3, 0), 0, 0},

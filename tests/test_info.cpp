@@ -181,13 +181,13 @@ TEST(InfoLookups, RulesByIndexAndId)
         SCOPED_TRACE(r.index);
         const bool present = r.index < 4;
         const UINT32 id = present ? r.id : 0;
-        EXPECT_EQ(taz_rule_index_rule_id(r.index, sp), id);
-        EXPECT_EQ(text(taz_rule_index_desc(r.index, sp)), r.desc);
-        EXPECT_EQ(text(taz_rule_index_risk_type(r.index, sp)), present ? "risk" + std::to_string(id) : "<null>");
-        EXPECT_EQ(taz_rule_index_confidence_level(r.index, sp), present ? id + 1 : 0);
-        EXPECT_EQ(taz_rule_index_risk_type_group(r.index, sp), present ? id + 2 : 0);
-        EXPECT_EQ(taz_rule_index_enable(r.index, sp), present ? id % 2 : 0);
-        EXPECT_EQ(taz_rule_index_rule_id(r.index, nullptr), 0u);
+        EXPECT_EQ(taz_rule_index_rule_id(sp, r.index), id);
+        EXPECT_EQ(text(taz_rule_index_desc(sp, r.index)), r.desc);
+        EXPECT_EQ(text(taz_rule_index_risk_type(sp, r.index)), present ? "risk" + std::to_string(id) : "<null>");
+        EXPECT_EQ(taz_rule_index_confidence_level(sp, r.index), present ? id + 1 : 0);
+        EXPECT_EQ(taz_rule_index_risk_type_group(sp, r.index), present ? id + 2 : 0);
+        EXPECT_EQ(taz_rule_index_enable(sp, r.index), present ? id % 2 : 0);
+        EXPECT_EQ(taz_rule_index_rule_id(nullptr, r.index), 0u);
         /* By id: id 0 is never searched, even though a rule 0 is stored. */
         const bool found = present && id != 0;
         EXPECT_EQ(text(taz_rule_id_description(sp, id)), found ? r.desc : "<null>");
@@ -312,20 +312,20 @@ TEST(InfoLookups, ProtocolsAndGroups)
         {"protocol count", Loaded, [](auto sp) { return taz_protocol_count(sp); }, 5},
         {"group count", Loaded, [](auto sp) { return taz_protocol_group_count(sp); }, 3},
         {"no pattern: count 0", Null, [](auto sp) { return taz_protocol_count(sp); }, 0},
-        {"id by index", Loaded, [](auto sp) { return taz_protocol_index_id(1, sp); }, 6},
-        {"index out of range", Loaded, [](auto sp) { return taz_protocol_index_id(5, sp); }, 0},
-        {"group id by protocol index", Loaded, [](auto sp) { return taz_protocol_index_group_id(0, sp); }, 5},
-        {"group position out of range", Loaded, [](auto sp) { return taz_protocol_index_group_id(3, sp); }, 0},
-        {"group id by index", Loaded, [](auto sp) { return taz_protocol_group_index_id(0, sp); }, 3},
-        {"group index out of range", Loaded, [](auto sp) { return taz_protocol_group_index_id(3, sp); }, 0},
-        {"members of a group", Loaded, [](auto sp) { return taz_protocol_group_index_protocol_count(1, sp); }, 3},
-        {"member id", Loaded, [](auto sp) { return taz_protocol_group_index_protocol_index(1, 1, sp); }, 17},
+        {"id by index", Loaded, [](auto sp) { return taz_protocol_index_id(sp, 1); }, 6},
+        {"index out of range", Loaded, [](auto sp) { return taz_protocol_index_id(sp, 5); }, 0},
+        {"group id by protocol index", Loaded, [](auto sp) { return taz_protocol_index_group_id(sp, 0); }, 5},
+        {"group position out of range", Loaded, [](auto sp) { return taz_protocol_index_group_id(sp, 3); }, 0},
+        {"group id by index", Loaded, [](auto sp) { return taz_protocol_group_index_id(sp, 0); }, 3},
+        {"group index out of range", Loaded, [](auto sp) { return taz_protocol_group_index_id(sp, 3); }, 0},
+        {"members of a group", Loaded, [](auto sp) { return taz_protocol_group_index_protocol_count(sp, 1); }, 3},
+        {"member id", Loaded, [](auto sp) { return taz_protocol_group_index_protocol_index(sp, 1, 1); }, 17},
         {"member position out of range", Loaded,
-         [](auto sp) { return taz_protocol_group_index_protocol_index(1, 2, sp); }, 0},
+         [](auto sp) { return taz_protocol_group_index_protocol_index(sp, 1, 2); }, 0},
         {"member index past the count", Loaded,
-         [](auto sp) { return taz_protocol_group_index_protocol_index(1, 3, sp); }, 0},
+         [](auto sp) { return taz_protocol_group_index_protocol_index(sp, 1, 3); }, 0},
         {"member of an empty group", Loaded,
-         [](auto sp) { return taz_protocol_group_index_protocol_index(2, 0, sp); }, 0},
+         [](auto sp) { return taz_protocol_group_index_protocol_index(sp, 2, 0); }, 0},
         {"group of a protocol id", Loaded, [](auto sp) { return taz_protocol_id_group_id(sp, 6); }, 1},
         {"unknown protocol: group of entry 0", Loaded, [](auto sp) { return taz_protocol_id_group_id(sp, 1234); }, 5},
         {"protocol with a bad group position", Loaded, [](auto sp) { return taz_protocol_id_group_id(sp, 99); }, 0},
@@ -349,11 +349,11 @@ TEST(InfoLookups, ProtocolsAndGroups)
         Txt f;
         const char *want;
     } txts[] = {
-        {"description by index", Loaded, [](auto sp) { return taz_protocol_index_desc(3, sp); }, "bad group"},
-        {"index out of range", Loaded, [](auto sp) { return taz_protocol_index_desc(5, sp); }, "<null>"},
-        {"group description by index", Loaded, [](auto sp) { return taz_protocol_group_index_desc(1, sp); },
+        {"description by index", Loaded, [](auto sp) { return taz_protocol_index_desc(sp, 3); }, "bad group"},
+        {"index out of range", Loaded, [](auto sp) { return taz_protocol_index_desc(sp, 5); }, "<null>"},
+        {"group description by index", Loaded, [](auto sp) { return taz_protocol_group_index_desc(sp, 1); },
          "transport"},
-        {"group index out of range", Loaded, [](auto sp) { return taz_protocol_group_index_desc(3, sp); }, "<null>"},
+        {"group index out of range", Loaded, [](auto sp) { return taz_protocol_group_index_desc(sp, 3); }, "<null>"},
         {"first equal id after entry 0", Loaded, [](auto sp) { return taz_protocol_id_desc(sp, 17); }, "udp"},
         {"id of entry 0", Loaded, [](auto sp) { return taz_protocol_id_desc(sp, 0); }, "unknown"},
         {"unknown id: entry 0", Loaded, [](auto sp) { return taz_protocol_id_desc(sp, 1234); }, "unknown"},

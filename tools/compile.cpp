@@ -5,6 +5,7 @@
 #include <cstring>
 #include <ostream>
 
+#include "format.h"
 #include "source_model.h"
 
 namespace tazc {
@@ -38,12 +39,7 @@ bool severity_empty(const tazw::Severity &s)
     return s.known.empty() && s.known_defaults.empty() && s.potential.empty() && s.potential_defaults.empty();
 }
 
-std::string version_text(std::uint32_t v)
-{
-    char buf[32];
-    std::snprintf(buf, sizeof buf, "%d.%05d.%02d", int(v >> 28), int(v & 0xFFFFF), int((v >> 20) & 0xFF));
-    return buf;
-}
+std::string version_text(std::uint32_t v) { return taze::version_text(v); }
 
 } // namespace
 

@@ -21,13 +21,7 @@ namespace tazi {
 
 /* ---- texts ------------------------------------------------------------------ */
 
-std::string version_text(std::uint32_t v)
-{
-    char buf[32];
-    std::snprintf(buf, sizeof buf, KORM_VERSION_FORMAT, int(KORM_GET_PATTERN_PRO(v)), int(KORM_GET_PATTERN_VER(v)),
-                  int(KORM_GET_PATTERN_BLD(v)));
-    return buf;
-}
+std::string version_text(std::uint32_t v) { return taze::version_text(v); }
 
 std::string magic_text(std::uint32_t magic)
 {
@@ -452,64 +446,16 @@ AnyLists lists_of(const P &p)
     return ListArray<L>{Span<L>(p.*Lists, p.*Count)};
 }
 
-struct FamilyField {
-    std::uint32_t magic;
-    AnyLists (*get)(const P &);
-};
-
-/* Every list and map family: its section magic and the image's fields. */
-constexpr FamilyField kFields[] = {
-    {MAGIC_TAZE_PATTERN_STR, lists_of<&P::string_lists, &P::max_string_list_count>},
-    {MAGIC_TAZE_PATTERN_STR_PREFIX, lists_of<&P::string_prefix_lists, &P::max_string_prefix_list_count>},
-    {MAGIC_TAZE_PATTERN_STR_SUFFIX, lists_of<&P::string_suffix_lists, &P::max_string_suffix_list_count>},
-    {MAGIC_TAZE_PATTERN_STR_SUBSTR, lists_of<&P::string_substring_lists, &P::max_string_substring_list_count>},
-    {MAGIC_TAZE_PATTERN_STR_CASE, lists_of<&P::string_case_lists, &P::max_string_case_list_count>},
-    {MAGIC_TAZE_PATTERN_STR_PREFIX_CASE, lists_of<&P::string_prefix_case_lists, &P::max_string_prefix_case_list_count>},
-    {MAGIC_TAZE_PATTERN_STR_SUFFIX_CASE, lists_of<&P::string_suffix_case_lists, &P::max_string_suffix_case_list_count>},
-    {MAGIC_TAZE_PATTERN_STR_SUBSTR_CASE, lists_of<&P::string_substr_case_lists, &P::max_string_substr_case_list_count>},
-    {MAGIC_TAZE_PATTERN_IP, lists_of<&P::ip_range_lists, &P::max_ip_range_list_count>},
-    {MAGIC_TAZE_PATTERN_IPV6, lists_of<&P::ipv6_range_lists, &P::max_ipv6_range_list_count>},
-    {MAGIC_TAZE_PATTERN_PORT, lists_of<&P::port_range_lists, &P::max_port_range_list_count>},
-    {MAGIC_TAZE_PATTERN_STR_INT_MAP, lists_of<&P::str_int_map_lists, &P::max_str_int_map_list_count>},
-    {MAGIC_TAZE_PATTERN_PREFIX_INT_MAP, lists_of<&P::prefix_int_map_lists, &P::max_prefix_int_map_list_count>},
-    {MAGIC_TAZE_PATTERN_SUFFIX_INT_MAP, lists_of<&P::suffix_int_map_lists, &P::max_suffix_int_map_list_count>},
-    {MAGIC_TAZE_PATTERN_SUBSTR_INT_MAP, lists_of<&P::substr_int_map_lists, &P::max_substr_int_map_list_count>},
-    {MAGIC_TAZE_PATTERN_INT_INT_MAP, lists_of<&P::int_int_map_lists, &P::max_int_int_map_list_count>},
-    {MAGIC_TAZE_PATTERN_INT_STR_MAP, lists_of<&P::int_str_map_lists, &P::max_int_str_map_list_count>},
-    {MAGIC_TAZE_PATTERN_INT_PREFIX_MAP, lists_of<&P::int_prefix_map_lists, &P::max_int_prefix_map_list_count>},
-    {MAGIC_TAZE_PATTERN_INT_SUFFIX_MAP, lists_of<&P::int_suffix_map_lists, &P::max_int_suffix_map_list_count>},
-    {MAGIC_TAZE_PATTERN_INT_SUBSTR_MAP, lists_of<&P::int_substr_map_lists, &P::max_int_substr_map_list_count>},
-    {MAGIC_TAZE_PATTERN_STR_STR_MAP, lists_of<&P::str_str_map_lists, &P::max_str_str_map_list_count>},
-    {MAGIC_TAZE_PATTERN_STR_PREFIX_MAP, lists_of<&P::str_prefix_map_lists, &P::max_str_prefix_map_list_count>},
-    {MAGIC_TAZE_PATTERN_STR_SUFFIX_MAP, lists_of<&P::str_suffix_map_lists, &P::max_str_suffix_map_list_count>},
-    {MAGIC_TAZE_PATTERN_STR_SUBSTR_MAP, lists_of<&P::str_substr_map_lists, &P::max_str_substr_map_list_count>},
-    {MAGIC_TAZE_PATTERN_PREFIX_STR_MAP, lists_of<&P::prefix_str_map_lists, &P::max_prefix_str_map_list_count>},
-    {MAGIC_TAZE_PATTERN_PREFIX_PREFIX_MAP, lists_of<&P::prefix_prefix_map_lists, &P::max_prefix_prefix_map_list_count>},
-    {MAGIC_TAZE_PATTERN_PREFIX_SUFFIX_MAP, lists_of<&P::prefix_suffix_map_lists, &P::max_prefix_suffix_map_list_count>},
-    {MAGIC_TAZE_PATTERN_PREFIX_SUBSTR_MAP, lists_of<&P::prefix_substr_map_lists, &P::max_prefix_substr_map_list_count>},
-    {MAGIC_TAZE_PATTERN_SUFFIX_STR_MAP, lists_of<&P::suffix_str_map_lists, &P::max_suffix_str_map_list_count>},
-    {MAGIC_TAZE_PATTERN_SUFFIX_PREFIX_MAP, lists_of<&P::suffix_prefix_map_lists, &P::max_suffix_prefix_map_list_count>},
-    {MAGIC_TAZE_PATTERN_SUFFIX_SUFFIX_MAP, lists_of<&P::suffix_suffix_map_lists, &P::max_suffix_suffix_map_list_count>},
-    {MAGIC_TAZE_PATTERN_SUFFIX_SUBSTR_MAP, lists_of<&P::suffix_substr_map_lists, &P::max_suffix_substr_map_list_count>},
-    {MAGIC_TAZE_PATTERN_SUBSTR_STR_MAP, lists_of<&P::substr_str_map_lists, &P::max_substr_str_map_list_count>},
-    {MAGIC_TAZE_PATTERN_SUBSTR_PREFIX_MAP, lists_of<&P::substr_prefix_map_lists, &P::max_substr_prefix_map_list_count>},
-    {MAGIC_TAZE_PATTERN_SUBSTR_SUFFIX_MAP, lists_of<&P::substr_suffix_map_lists, &P::max_substr_suffix_map_list_count>},
-    {MAGIC_TAZE_PATTERN_SUBSTR_SUBSTR_MAP, lists_of<&P::substr_substr_map_lists, &P::max_substr_substr_map_list_count>},
-    {MAGIC_TAZE_PATTERN_STR_IPV6_MAP, lists_of<&P::string_ipv6_map_lists, &P::max_string_ipv6_map_list_count>},
-    {MAGIC_TAZE_PATTERN_PREFIX_IPV6_MAP, lists_of<&P::prefix_ipv6_map_lists, &P::max_prefix_ipv6_map_list_count>},
-    {MAGIC_TAZE_PATTERN_SUFFIX_IPV6_MAP, lists_of<&P::suffix_ipv6_map_lists, &P::max_suffix_ipv6_map_list_count>},
-    {MAGIC_TAZE_PATTERN_SUBSTR_IPV6_MAP, lists_of<&P::substr_ipv6_map_lists, &P::max_substr_ipv6_map_list_count>},
-    {MAGIC_TAZE_PATTERN_IPV6_INT_MAP, lists_of<&P::ipv6_int_map_lists, &P::max_ipv6_int_map_list_count>},
-};
-
 } // namespace
 
 std::vector<ImageFamily> image_families(const taz_pattern_st &image)
 {
     std::vector<ImageFamily> out;
     for (const tazc::Family &f : tazc::families())
-        for (const FamilyField &field : kFields)
-            if (field.magic == f.magic) out.push_back(ImageFamily{&f, field.get(image)});
+        taze::each_family<P>([&](auto fam) {
+            using F = decltype(fam);
+            if (F::row.magic == f.magic) out.push_back(ImageFamily{&f, lists_of<F::lists, F::count>(image)});
+        });
     return out;
 }
 

@@ -17,6 +17,7 @@
 #include <type_traits>
 
 #include "coverage.h"
+#include "families.h"
 #include "source_import.h"
 #include "taze_impl.h"
 
@@ -27,49 +28,71 @@ namespace tazc {
 namespace {
 
 constexpr const char *kRuleNames[4] = {"exact", "prefix", "suffix", "substring"};
-constexpr char kRuleLetters[4] = {'S', 'P', 'X', 'U'}; /* in map section magics */
 
-/* A section magic from its bytes as stored, first byte first. */
-std::uint32_t magic_of(const std::string &text)
+unsigned rule_number(taze::Rule r) { return r == taze::Rule::None ? kNoRule : unsigned(r); }
+
+Shape shape_of(taze::Layout l)
 {
-    std::uint32_t m = 0;
-    for (std::size_t i = 0; i < text.size() && i < 4; ++i) m |= std::uint32_t(std::uint8_t(text[i])) << (8 * i);
-    return m;
+    switch (l) {
+    case taze::Layout::Strings: return Shape::Strings;
+    case taze::Layout::Ip: return Shape::IPv4Ranges;
+    case taze::Layout::Ipv6: return Shape::IPv6Ranges;
+    case taze::Layout::Port: return Shape::PortRanges;
+    case taze::Layout::StrInt: return Shape::StrInt;
+    case taze::Layout::StrIpv6: return Shape::StrIPv6;
+    case taze::Layout::IntInt: return Shape::IntInt;
+    case taze::Layout::Ipv6Int: return Shape::IPv6Int;
+    case taze::Layout::IntStr: return Shape::IntStr;
+    case taze::Layout::StrStr: return Shape::StrStr;
+    }
+    return Shape::Strings;
+}
+
+/* A side of a map's source name: its rule, or what it holds. */
+std::string side_name(taze::Rule r, const char *other) { return r == taze::Rule::None ? other : kRuleNames[unsigned(r)]; }
+
+/* Source names: lists by rule ("prefix", "suffix_case") or kind ("ip"), maps
+ * by key, then value ("prefix_to_int", "int_to_substring"). */
+std::string source_name(const taze::FamilyRow &r)
+{
+    switch (r.layout) {
+    case taze::Layout::Strings:
+        return std::string(kRuleNames[unsigned(r.key_rule)]) + (r.case_rule == taze::Case::Sensitive ? "_case" : "");
+    case taze::Layout::Ip: return "ip";
+    case taze::Layout::Ipv6: return "ipv6";
+    case taze::Layout::Port: return "port";
+    case taze::Layout::StrInt: return side_name(r.key_rule, "") + "_to_int";
+    case taze::Layout::StrIpv6: return side_name(r.key_rule, "") + "_to_ipv6";
+    case taze::Layout::IntInt: return "int_to_int";
+    case taze::Layout::Ipv6Int: return "ipv6_to_int";
+    case taze::Layout::IntStr: return "int_to_" + side_name(r.value_rule, "");
+    case taze::Layout::StrStr: return side_name(r.key_rule, "") + "_to_" + side_name(r.value_rule, "");
+    }
+    return "";
+}
+
+/* Sources list the families as the table does, the maps grouped by what
+ * they map: strings to integers, to IPv6 addresses, integers to integers,
+ * to strings, strings to strings, IPv6 addresses to integers. */
+int source_rank(taze::Layout l)
+{
+    constexpr taze::Layout kMapOrder[] = {taze::Layout::StrInt, taze::Layout::StrIpv6, taze::Layout::IntInt,
+                                          taze::Layout::IntStr, taze::Layout::StrStr, taze::Layout::Ipv6Int};
+    for (int i = 0; i < 6; ++i)
+        if (kMapOrder[i] == l) return i + 1;
+    return 0;
 }
 
 std::vector<Family> make_families()
 {
-    constexpr std::uint32_t insensitive[4] = {MAGIC_TAZE_PATTERN_STR, MAGIC_TAZE_PATTERN_STR_PREFIX,
-                                              MAGIC_TAZE_PATTERN_STR_SUFFIX, MAGIC_TAZE_PATTERN_STR_SUBSTR};
-    constexpr std::uint32_t sensitive[4] = {MAGIC_TAZE_PATTERN_STR_CASE, MAGIC_TAZE_PATTERN_STR_PREFIX_CASE,
-                                            MAGIC_TAZE_PATTERN_STR_SUFFIX_CASE,
-                                            MAGIC_TAZE_PATTERN_STR_SUBSTR_CASE};
     std::vector<Family> t;
-    auto add = [&t](const char *group, std::string name, std::uint32_t magic, Shape shape, unsigned key,
-                    unsigned value, bool cs = false, bool main_only = false) {
-        t.push_back(Family{group, std::move(name), magic, shape, key, value, cs, main_only});
-    };
-    for (unsigned r = 0; r < 4; ++r) add("lists", kRuleNames[r], insensitive[r], Shape::Strings, r, kNoRule);
-    /* The second kind knows only the exact case-sensitive list. */
-    for (unsigned r = 0; r < 4; ++r)
-        add("lists", std::string(kRuleNames[r]) + "_case", sensitive[r], Shape::Strings, r, kNoRule, true, r != 0);
-    add("lists", "ip", MAGIC_TAZE_PATTERN_IP, Shape::IPv4Ranges, kNoRule, kNoRule);
-    add("lists", "ipv6", MAGIC_TAZE_PATTERN_IPV6, Shape::IPv6Ranges, kNoRule, kNoRule);
-    add("lists", "port", MAGIC_TAZE_PATTERN_PORT, Shape::PortRanges, kNoRule, kNoRule);
-
-    const std::string rule[4] = {kRuleNames[0], kRuleNames[1], kRuleNames[2], kRuleNames[3]};
-    for (unsigned r = 0; r < 4; ++r)
-        add("maps", rule[r] + "_to_int", magic_of(std::string{kRuleLetters[r], 'I', 'M'}), Shape::StrInt, r, kNoRule);
-    for (unsigned r = 0; r < 4; ++r)
-        add("maps", rule[r] + "_to_ipv6", magic_of(std::string{kRuleLetters[r], 'I', '6', 'M'}), Shape::StrIPv6, r, kNoRule);
-    add("maps", "int_to_int", MAGIC_TAZE_PATTERN_INT_INT_MAP, Shape::IntInt, kNoRule, kNoRule);
-    for (unsigned r = 0; r < 4; ++r)
-        add("maps", "int_to_" + rule[r], magic_of(std::string{'I', kRuleLetters[r], 'M'}), Shape::IntStr, kNoRule, r);
-    for (unsigned k = 0; k < 4; ++k)
-        for (unsigned v = 0; v < 4; ++v)
-            add("maps", rule[k] + "_to_" + rule[v], magic_of(std::string{kRuleLetters[k], kRuleLetters[v], 'M'}),
-                Shape::StrStr, k, v);
-    add("maps", "ipv6_to_int", MAGIC_TAZE_PATTERN_IPV6_INT_MAP, Shape::IPv6Int, kNoRule, kNoRule);
+    for (const taze::FamilyRow &r : taze::kFamilies)
+        t.push_back(Family{taze::is_map(r.layout) ? "maps" : "lists", source_name(r), r.magic, shape_of(r.layout),
+                           rule_number(r.key_rule), rule_number(r.value_rule),
+                           r.case_rule == taze::Case::Sensitive, r.kinds == taze::Main});
+    std::stable_sort(t.begin(), t.end(), [](const Family &a, const Family &b) {
+        return source_rank(taze::family_row(a.magic)->layout) < source_rank(taze::family_row(b.magic)->layout);
+    });
     return t;
 }
 

@@ -1,0 +1,112 @@
+/* Range lists that ascend without overlapping: bucket tables over the key span. */
+#include "taze_fast_common.h"
+
+namespace taze::fast {
+
+namespace {
+
+// ---- Ordered ranges: a bucket table --------------------------------------------------------
+
+/* A key as one unsigned number, for picking its bucket. */
+template <class B>
+using Wide = std::conditional_t<std::is_same_v<B, U128>, unsigned __int128, std::uint64_t>;
+inline std::uint64_t wide(std::uint32_t k) { return k; }
+inline std::uint64_t wide(std::uint16_t k) { return k; }
+inline unsigned __int128 wide(const U128 &k) { return (static_cast<unsigned __int128>(k.hi) << 64) | k.lo; }
+
+/* Index of a range list whose ranges ascend without touching (each low <=
+ * high < the next low). Over such a list the bisection's comparison is
+ * monotone, so the bisection finds a range holding the key exactly when
+ * there is one, and there is at most one. The span from the first low to
+ * the last high is cut into equal buckets; first_[b] is the first range
+ * ending in bucket b or later, so the range that can hold a key is among
+ * the few between the first ranges of its bucket and of the next one.
+ * Lists of any other shape keep the tree or the plain search. */
+template <class B, class Item>
+class OrderedRanges final : public KeyedAccel<OrderedRanges<B, Item>, B> {
+    using W = Wide<B>;
+
+public:
+    static OrderedRanges *make(const Item *items, std::uint32_t n, Budget &b)
+    {
+        if (items == nullptr || n == 0 || n > 0x7FFFFFFFu) return nullptr;
+        for (std::uint32_t i = 0; i < n; ++i) {
+            const RangeNode<B> r = range_of(items[i]);
+            if (order(r.low, r.high) > 0 || (i > 0 && order(range_of(items[i - 1]).high, r.low) >= 0)) return nullptr;
+        }
+        std::uint32_t bits = 1;
+        while (bits < 20 && (std::uint64_t(4) << bits) <= n) ++bits;
+        const std::uint64_t buckets = std::uint64_t(1) << bits;
+        if (!b.reserve(kIndexBase + (buckets + 1) * 4) || !b.take(n * sizeof(Item))) return nullptr;
+        auto *x = new (std::nothrow) OrderedRanges;
+        if (x == nullptr || !x->first_.allocate(buckets + 1)) {
+            delete x;
+            return nullptr;
+        }
+        x->items_ = items;
+        x->n_ = n;
+        x->base_ = wide(range_of(items[0]).low);
+        x->top_ = wide(range_of(items[n - 1]).high);
+        const W span = x->top_ - x->base_;
+        while ((span >> x->shift_) >= buckets) ++x->shift_;
+        std::uint32_t i = 0;
+        for (std::uint64_t k = 0; k <= buckets; ++k) {
+            while (i < n && x->bucket(range_of(items[i]).high) < k) ++i;
+            x->first_[k] = i;
+        }
+        return x;
+    }
+
+    Shape shape() const override { return Shape::Buckets; }
+
+private:
+    friend KeyedAccel<OrderedRanges, B>;
+    std::uint64_t bucket(const B &k) const { return static_cast<std::uint64_t>((wide(k) - base_) >> shift_); }
+
+    std::int64_t search(const B &k) const
+    {
+        const W w = wide(k);
+        if (w < base_ || w > top_) return kMiss;
+        const std::uint64_t at = bucket(k);
+        /* The first range ending at or after k: ranges before first_[at]
+         * end in earlier buckets, the range first_[at + 1] ends after k. */
+        std::uint32_t i = first_[at], len = first_[at + 1] - first_[at];
+        while (len > 0) {
+            const std::uint32_t half = len / 2;
+            const bool right = order(range_of(items_[i + half]).high, k) < 0;
+            i += right ? half + 1 : 0;
+            len = right ? len - half - 1 : half;
+        }
+        return i < n_ && order(k, range_of(items_[i]).low) >= 0 ? 0 : kMiss;
+    }
+
+    const Item *items_ = nullptr; /* the list's own records */
+    std::uint32_t n_ = 0;
+    Array<std::uint32_t> first_;
+    W base_ = 0, top_ = 0;
+    unsigned shift_ = 0;
+};
+
+template <class B, class Item>
+Accel *ordered_ranges(const Item *items, std::uint32_t n, Budget &b)
+{
+    return OrderedRanges<B, Item>::make(items, n, b);
+}
+
+
+
+} // namespace
+
+Accel *index_ordered_ranges(const ip_rng_list_st &l, Budget &b)
+{
+    return ordered_ranges<std::uint32_t>(l.ip_ranges, l.nr_ip_ranges, b);
+}
+Accel *index_ordered_ranges(const port_rng_list_st &l, Budget &b)
+{
+    return ordered_ranges<std::uint16_t>(l.port_ranges, l.nr_port_ranges, b);
+}
+Accel *index_ordered_ranges(const ipv6_rng_list_st &l, Budget &b)
+{
+    return ordered_ranges<U128>(l.ipv6_ranges, l.nr_ipv6_ranges, b);
+}
+} // namespace taze::fast
