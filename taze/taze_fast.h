@@ -6,7 +6,8 @@
  *
  * - exact lists and exact-keyed maps whose entries the builder found in the
  *   order their comparator needs, with no two entries comparing equal: a
- *   hash table over the folded NUL-terminated views (a key equals at most
+ *   compact hash table (one control byte and one four-byte value a slot)
+ *   over the folded NUL-terminated views (a key equals at most
  *   one entry, and the bisection finds that one);
  * - IPv4, IPv6 and port range lists whose ranges ascend without overlapping:
  *   over them the bisection finds a range holding the key exactly when one
@@ -43,9 +44,10 @@
  * Lifetime: taz_fast_build runs at the end of a successful image load and
  * hangs the index off the image's `fast` field; taz_fast_release runs when
  * the image is released. In between nothing is written, so any number of
- * threads may search without locks. Building is bounded by the payload's
- * size (a hostile file that makes entries overlap runs out of budget and
- * its remaining lists keep the plain searches) and reads only inside the
+ * threads may search without locks. Each list's index takes a bounded
+ * number of bytes per entry of the list (a hostile file whose lists overlap
+ * meets guards proportional to the payload, and its remaining lists keep
+ * the plain searches) and reads only inside the
  * image's padded payload copy; lists it cannot index keep the plain search. */
 #ifndef TAZE_FAST_H
 #define TAZE_FAST_H

@@ -202,7 +202,7 @@ private:
         const std::uint64_t slots = runs + runs / 4 + 1, bytes = kIndexBase + slots * sizeof(Slot);
         if (!b.reserve(bytes)) return false;
         if (!slots_.allocate(slots)) {
-            b.memory += bytes;
+            b.give_back(bytes);
             return false;
         }
         /* Long runs whose entries all have heads longer than K get tables
@@ -211,7 +211,7 @@ private:
         const bool nest = long_runs > 0 && k_ < kMaxHead && b.reserve(long_runs * sizeof(Nested)) &&
                           nested_.allocate(long_runs);
         std::size_t made = 0;
-        BlockInserter<Slot> table(slots_);
+        BlockInserter<LinearSlots<Slot>> table(LinearSlots<Slot>{slots_});
         each_run([&](std::uint32_t first, std::uint32_t end, const U128 &h) {
             const std::uint64_t hv = hash(h);
             table.add(hv, {first, tag_of(hv) | std::min<std::uint32_t>(end - first, kLongRun)});
