@@ -5,6 +5,8 @@ set -euo pipefail
 packages=(g++ clang cmake ninja-build pkg-config libgcrypt20-dev libgtest-dev googletest
           libbenchmark-dev nlohmann-json3-dev)
 [ "${TAZE_WITH_HYPERSCAN:-0}" = 1 ] && packages+=(libhyperscan-dev)
+# Real lists for the shape benchmarks: public suffixes, words, country ranges.
+[ "${TAZE_WITH_DATA:-0}" = 1 ] && packages+=(publicsuffix wamerican tor-geoipdb)
 
 missing=()
 for p in "${packages[@]}"; do

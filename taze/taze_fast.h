@@ -86,7 +86,7 @@ struct Options {
     bool hash_exact = true;                    /* hash sorted exact lists (else tree) */
     bool ordered_ranges = true;                /* bucket tables for ascending, non-overlapping ranges */
     bool head_groups = true;                   /* head tables for prefix and suffix lists (else tree) */
-    std::uint32_t min_head_entries = 1u << 13; /* head tables */
+    std::uint32_t min_head_entries = 1u << 10; /* head tables */
 };
 
 /* What an index is, for tests and benchmarks. */

@@ -230,6 +230,23 @@ struct Payload {
 };
 
 
+/* A search key prepared for the text indexes: its bytes folded as the
+ * comparator folds, read backwards for suffixes, then 16 zeros. */
+struct TextKey {
+    std::size_t klen;
+    unsigned char k[kMaxKey + 16];
+    /* False for keys longer than kMaxKey (they search plainly). */
+    bool prepare(const unsigned char *key, bool fold, bool backward)
+    {
+        klen = strnlen(reinterpret_cast<const char *>(key), kMaxKey + 1);
+        if (klen > kMaxKey) return false;
+        const ByteMap &f = byte_map(fold);
+        for (std::size_t j = 0; j < klen; ++j) k[j] = f[key[backward ? klen - 1 - j : j]];
+        std::memset(k + klen, 0, 16);
+        return true;
+    }
+};
+
 // ---- Index kinds --------------------------------------------------------------------
 
 enum class Match : unsigned char { Exact, Prefix, Suffix, Substr };

@@ -11,6 +11,7 @@
 extern "C" std::size_t __sanitizer_get_current_allocated_bytes(); /* the sanitizer run-time */
 #endif
 #include <cstring>
+#include <functional>
 #include <random>
 #include <string>
 #include <vector>
@@ -259,6 +260,52 @@ TEST(FastPaths, HeadTablesFindTheEndsOfLongRuns)
             ASSERT_EQ(fast::lookup(a, bytes(key)), hit ? hit - items : fast::kMiss) << key << (suffix ? " suffix" : " prefix");
         }
     }
+}
+
+/* Prefix and suffix lists of the shapes users ship, one row each: the
+ * entry the index answers is the one the plain bisection stops at. */
+TEST(FastPaths, PrefixAndSuffixListsOfEveryShapeHitTheBisectionsEntry)
+{
+    struct Row {
+        const char *what;
+        std::function<std::string(Rng &, unsigned)> make;
+        unsigned n;
+    };
+    const std::string shared(300, 'q'); /* longer than a window remembers */
+    const Row rows[] = {
+        {"short entries", [](Rng &r, unsigned) { return r.text(3); }, 1500},
+        {"mixed lengths", [](Rng &r, unsigned) { return r.text(r.one_in(3) ? 40 : 6); }, 3000},
+        {"one shared head", [](Rng &r, unsigned) { return "/wp-content/" + r.text(8); }, 2000},
+        {"nested entries", [](Rng &r, unsigned i) { return i % 2 ? r.head(2) : r.head(2) + "." + r.head(3); }, 2500},
+        {"long shared text", [&](Rng &r, unsigned) { return r.head(1) + shared + r.text(5); }, 1200},
+    };
+    for (const Row &row : rows)
+        for (bool suffix : {false, true}) {
+            Rng r(row.n + suffix);
+            const tazw::Order order = suffix ? tazw::Order::FoldReversed : tazw::Order::Fold;
+            std::vector<std::string> v;
+            for (unsigned i = 0; i < row.n; ++i) {
+                std::string e = row.make(r, i);
+                v.push_back(suffix ? std::string(e.rbegin(), e.rend()) : e);
+            }
+            tazw::sort_in(order, v);
+            Image img(tazw::section(magic4(suffix ? "SUF" : "PRE"), 1, tazw::list(0, std::uint32_t(v.size()), tazw::string_entries(v))));
+            ASSERT_NE(img.p, nullptr);
+            ASSERT_EQ(fast::build(img.p, kEveryList), 0);
+            const void *list = suffix ? static_cast<const void *>(img.p->string_suffix_lists) : img.p->string_prefix_lists;
+            const counted_string_t *items = suffix ? img.p->string_suffix_lists->strings : img.p->string_prefix_lists->strings;
+            const fast::Accel *a = fast::find(img.p, list);
+            ASSERT_NE(a, nullptr) << row.what;
+            std::vector<std::string> keys = keys_for(r, v);
+            for (const std::string &e : v) keys.push_back(suffix ? "x" + e : e + "x");
+            for (const std::string &key : keys) {
+                const counted_string_t k{bytes(key), UINT32(key.size())};
+                const counted_string_t *hit = taze::bisect(&k, items, v.size(), suffix ? str_compare_reverse_prefix : str_compare_prefix);
+                const std::int64_t got = fast::lookup(a, bytes(key));
+                if (got == fast::kPlain && key.size() > 2048) continue; /* very long keys search plainly */
+                ASSERT_EQ(got, hit ? hit - items : fast::kMiss) << row.what << (suffix ? " suffix '" : " prefix '") << key << "'";
+            }
+        }
 }
 
 /* ---- ranges ------------------------------------------------------------------------- */
