@@ -213,7 +213,7 @@ Shape ipv6(std::size_t n)
 {
     Shape s{"IPv6 ranges " + std::to_string(n) + " in eight /32s", Kind::Ipv6, {}, {}, {}, {}, {}, {}, {}};
     Rng r(n + 6);
-    const std::uint32_t tops[] = {0x20010db8, 0x20010470, 0x24001000, 0x2a001450, 0x2a0104f8, 0x2a02c200, 0x2a09bac1, 0x2c0f0001};
+    const std::uint32_t tops[] = {0x20010470, 0x20010db8, 0x24001000, 0x2a001450, 0x2a0104f8, 0x2a02c200, 0x2a09bac1, 0x2c0f0001};
     for (std::uint32_t t : tops) {
         std::uint64_t at = r.below(1000) << 16;
         for (std::size_t i = 0; i < n / 8; ++i) {

@@ -333,19 +333,22 @@ public:
     }
     Shape shape() const override { return Shape::Heads; }
 
-    static constexpr std::uint64_t kBytesPerEntry = 32; /* up to two words, and m while building */
+    static constexpr std::uint64_t kBytesPerEntry = 18; /* up to two words, two bytes while building */
 
 private:
     static constexpr unsigned kWindow = 6;
     static constexpr std::size_t kMaxShared = 254;
     static constexpr std::uint64_t kWindowMask = ~0ull << 16;
 
-    /* The entry's compared bytes. */
+    /* The entry's compared bytes, or kMeasured when there are more (the
+     * words need no more, so building reads a bounded part of each entry). */
+    static constexpr std::uint64_t kMeasured = kMaxShared + kWindow + 2;
     std::uint64_t measure(const counted_string_t &s) const
     {
-        if (backward_) return s.len;
-        const void *nul = std::memchr(s.ptr, 0, s.len);
-        return nul ? std::uint64_t(static_cast<const unsigned char *>(nul) - s.ptr) + 1 : s.len;
+        const std::uint64_t n = std::min<std::uint64_t>(s.len, kMeasured);
+        if (backward_) return n;
+        const void *nul = std::memchr(s.ptr, 0, n);
+        return nul ? std::uint64_t(static_cast<const unsigned char *>(nul) - s.ptr) + 1 : n;
     }
     unsigned char byte(const counted_string_t &s, std::size_t j) const
     {
@@ -357,9 +360,8 @@ private:
     std::pair<int, std::size_t> compare(const unsigned char *k, std::size_t i, std::size_t a) const
     {
         const counted_string_t &s = texts_.at(i);
-        const std::uint64_t m = measure(s);
         for (std::size_t j = a;; ++j) {
-            if (j >= m) return {0, j};
+            if (j >= s.len) return {0, j}; /* a NUL inside P ends it below, as it ends m */
             const unsigned kc = k[j], pc = byte(s, j);
             if (kc != pc) return {kc > pc ? 1 : -1, j};
             if (kc == 0) return {0, j};
@@ -367,10 +369,10 @@ private:
     }
 
     /* Shared bytes of entries i and i + 1, up to kMaxShared. */
-    std::size_t shared(std::uint32_t i, const Array<std::uint64_t> &m) const
+    std::size_t shared(std::uint32_t i) const
     {
         const counted_string_t &a = texts_.at(i), &b = texts_.at(i + 1);
-        const std::size_t lim = std::min<std::uint64_t>({m[i], m[i + 1], kMaxShared});
+        const std::size_t lim = std::min<std::uint64_t>({measure(a), measure(b), kMaxShared});
         std::size_t j = 0;
         while (j < lim && byte(a, j) == byte(b, j)) ++j;
         return j;
@@ -378,14 +380,13 @@ private:
 
     /* c of the interval [lo, hi) and of its descendants, kept by probe in
      * cs; answers it (kMaxShared when empty). */
-    std::size_t shared_in(std::uint32_t lo, std::uint32_t hi, const Array<std::uint64_t> &m, const Array<unsigned char> &adj,
-                          Array<unsigned char> &cs) const
+    std::size_t shared_in(std::uint32_t lo, std::uint32_t hi, const Array<unsigned char> &adj, Array<unsigned char> &cs) const
     {
         if (lo >= hi) return kMaxShared;
         const std::uint32_t mid = lo + (hi - lo) / 2;
-        std::size_t c = std::min<std::uint64_t>(m[mid], kMaxShared);
-        c = std::min(c, shared_in(lo, mid, m, adj, cs));
-        c = std::min(c, shared_in(mid + 1, hi, m, adj, cs));
+        std::size_t c = std::min<std::uint64_t>(measure(texts_.at(mid)), kMaxShared);
+        c = std::min(c, shared_in(lo, mid, adj, cs));
+        c = std::min(c, shared_in(mid + 1, hi, adj, cs));
         if (mid > lo) c = std::min<std::size_t>(c, adj[mid - 1]);
         if (mid + 1 < hi) c = std::min<std::size_t>(c, adj[mid]);
         cs[mid] = static_cast<unsigned char>(c);
@@ -394,19 +395,18 @@ private:
 
     /* The words of [lo, hi) and its descendants, whose searches arrive
      * knowing p bytes. */
-    void place(std::uint32_t lo, std::uint32_t hi, std::size_t slot, std::size_t p, const Array<std::uint64_t> &m,
-               const Array<unsigned char> &cs)
+    void place(std::uint32_t lo, std::uint32_t hi, std::size_t slot, std::size_t p, const Array<unsigned char> &cs)
     {
         if (lo >= hi) return;
         const std::uint32_t mid = lo + (hi - lo) / 2;
         const std::size_t c = cs[mid];
         const counted_string_t &s = texts_.at(mid);
-        const std::uint64_t r = m[mid] - p;
+        const std::uint64_t r = measure(s) - p;
         std::uint64_t w = (c - p) | std::min<std::uint64_t>(r, 7) << 8;
         for (unsigned j = 0; j < std::min<std::uint64_t>(r, kWindow); ++j) w |= std::uint64_t(byte(s, p + j)) << (56 - 8 * j);
         words_[slot] = w;
-        place(lo, mid, 2 * slot, c, m, cs);
-        place(mid + 1, hi, 2 * slot + 1, c, m, cs);
+        place(lo, mid, 2 * slot, c, cs);
+        place(mid + 1, hi, 2 * slot + 1, c, cs);
     }
 
     bool fill(const Texts &t, Match match, bool fold, const Payload &pl, Budget &b)
@@ -418,20 +418,18 @@ private:
         if (n == 0 || n >= (1u << 30) || (match != Match::Prefix && match != Match::Suffix)) return false;
         const std::uint64_t bytes = kIndexBase + kBytesPerEntry * n;
         if (!b.reserve(bytes)) return false;
-        Array<std::uint64_t> m;
         Array<unsigned char> adj, cs;
-        if (!words_.allocate(std::size_t(1) << depth_of(n)) || !m.allocate(n) || !adj.allocate(n) || !cs.allocate(n)) {
+        if (!words_.allocate(std::size_t(1) << depth_of(n)) || !adj.allocate(n) || !cs.allocate(n)) {
             b.give_back(bytes);
             return false;
         }
         for (std::uint32_t i = 0; i < n; ++i) {
             const counted_string_t &s = t.at(i);
             if (!pl.holds(s) || s.len > 0x7FFFFFFFu || !b.take(2 * kMaxShared + 16)) return false;
-            m[i] = measure(s);
         }
-        for (std::uint32_t i = 0; i + 1 < n; ++i) adj[i] = static_cast<unsigned char>(shared(i, m));
-        shared_in(0, n, m, adj, cs);
-        place(0, n, 1, 0, m, cs);
+        for (std::uint32_t i = 0; i + 1 < n; ++i) adj[i] = static_cast<unsigned char>(shared(i));
+        shared_in(0, n, adj, cs);
+        place(0, n, 1, 0, cs);
         return true;
     }
 
