@@ -11,8 +11,9 @@
  *   one entry, and the bisection finds that one);
  * - IPv4, IPv6 and port range lists whose ranges ascend without overlapping:
  *   over them the bisection finds a range holding the key exactly when one
- *   exists, so a bucket table over the key span, and a short search among
- *   the ranges of the key's bucket, answers as it does;
+ *   exists, so a bucket table over the key span (nested where ranges
+ *   crowd a bucket), and a short search among the ranges of the key's
+ *   bucket, answers as it does;
  * - prefix and suffix lists and keys whose entries are all at least K bytes
  *   long (K between 4 and 16) with no NUL among their K leading bytes (the
  *   K trailing ones for suffixes), and whose heads of K bytes never decrease
@@ -21,10 +22,13 @@
  *   decided by the heads alone, so the bisection is replayed with only the
  *   run's entries read (a run of one entry decides alone), and a key whose
  *   head no entry has matches nothing;
- * - every other bisected array (prefix and suffix lists and keys otherwise,
- *   exact
- *   lists in the wrong order, range lists in any other order, integer and
- *   IPv6 map keys): the bisection's own decision tree stored breadth-first, so
+ * - prefix and suffix lists and keys of any other shape: for every probe of
+ *   the bisection, six of its entry's bytes past those that all entries of
+ *   its interval's parent share (which a search reaching it shares too), so
+ *   most probes read one word and no text;
+ * - every other bisected array (exact lists in the wrong order, range
+ *   lists in any other order, integer and IPv6 map keys): the bisection's
+ *   own decision tree stored breadth-first, so
  *   the same entries are probed in the same order, each probe reading one
  *   small node instead of an entry and its text. String nodes carry the
  *   common prefix lengths with the two entries bounding them and a few
@@ -86,7 +90,7 @@ struct Options {
     bool hash_exact = true;                    /* hash sorted exact lists (else tree) */
     bool ordered_ranges = true;                /* bucket tables for ascending, non-overlapping ranges */
     bool head_groups = true;                   /* head tables for prefix and suffix lists (else tree) */
-    std::uint32_t min_head_entries = 1u << 10; /* head tables */
+    std::uint32_t min_head_entries = 1u << 10; /* head tables and windows */
 };
 
 /* What an index is, for tests and benchmarks. */
