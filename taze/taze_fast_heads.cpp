@@ -305,28 +305,36 @@ public:
         std::size_t lower = 0, upper = texts_.count, p = 0, slot = 1;
         while (lower < upper) {
             const std::size_t mid = (lower + upper) / 2;
-            if ((slot << 4) < words_.size()) prefetch(&words_[slot << 4]); /* four levels down */
+            if ((slot << 4) < words_.size()) { /* the sixteen words four levels down: two lines */
+                prefetch(&words_[slot << 4]);
+                prefetch(&words_[(slot << 4) + 8]);
+            }
             const std::uint64_t w = words_[slot];
             const std::size_t c = p + (w & 0xFF);
             const unsigned r = unsigned(w >> 8) & 0xFF; /* min(m - p, 7) */
             const std::uint64_t x = load_be64(k + p) & kWindowMask;
             const std::uint64_t diff = (x ^ w) & kWindowMask;
-            const std::size_t j = diff ? unsigned(__builtin_clzll(diff)) / 8 : kWindow;
+            const std::size_t j = unsigned(__builtin_clzll(diff | 0x8000)) / 8; /* kWindow when they agree */
             const std::size_t left = klen - p; /* K's bytes from p on */
             int cr;
             std::size_t at = p + j; /* where the comparison was decided */
-            if (left < kWindow && j > left)
-                cr = 0; /* both end at the same place */
-            else if (j < std::min<std::size_t>(r, kWindow))
-                cr = ((x >> (56 - 8 * j)) & 0xFF) > ((w >> (56 - 8 * j)) & 0xFF) ? 1 : -1;
-            else if (r <= kWindow)
-                cr = 0; /* P agrees over all its bytes */
-            else
-                std::tie(cr, at) = compare(k, mid, p + kWindow);
-            if (cr == 0) return std::int64_t(mid);
+            if (__builtin_expect((left < kWindow && j > left) || j >= std::min<std::size_t>(r, kWindow), 0)) {
+                if (left < kWindow && j > left)
+                    cr = 0; /* both end at the same place */
+                else if (r <= kWindow)
+                    cr = 0; /* P agrees over all its bytes */
+                else
+                    std::tie(cr, at) = compare(k, mid, p + kWindow);
+                if (cr == 0) return std::int64_t(mid);
+            } else {
+                /* The words differ first at byte j, inside both: their order is the bytes'. */
+                cr = x > (w & kWindowMask) ? 1 : -1;
+            }
             if (at < c) return kMiss; /* every entry left differs there alike */
-            (cr < 0 ? upper : lower) = cr < 0 ? mid : mid + 1;
-            slot = 2 * slot + (cr > 0 ? 1 : 0);
+            const bool right = cr > 0;
+            lower = right ? mid + 1 : lower;
+            upper = right ? upper : mid;
+            slot = 2 * slot + (right ? 1 : 0);
             p = c;
         }
         return kMiss;
