@@ -55,15 +55,17 @@ public:
 
 private:
     friend KeyedAccel<OrderedRanges, B>;
-    static constexpr std::uint32_t kNestFrom = 48; /* ranges in a bucket that get a table of their own */
+    static constexpr std::uint32_t kNestFrom = 192; /* ranges in a bucket that get a table of their own */
     static constexpr unsigned kMaxLevels = 8;
 
     /* Buckets over [base, top] for the n ranges at items, all of which end
      * inside it; tables for the crowded buckets while levels and memory last. */
     bool fill(const Item *items, std::uint32_t n, W base, W top, unsigned level, Budget &b)
     {
+        /* About n/4 buckets at the top, n/8 in nested tables (whose ranges
+         * cluster less, having been spread once). */
         std::uint32_t bits = 1;
-        while (bits < 20 && (std::uint64_t(4) << bits) <= n) ++bits;
+        while (bits < 20 && (std::uint64_t(level == 0 ? 4 : 8) << bits) <= n) ++bits;
         const std::uint64_t buckets = std::uint64_t(1) << bits;
         if (!b.reserve(kIndexBase / 8 + (buckets + 1) * 4) || !first_.allocate(buckets + 1)) return false;
         items_ = items;
