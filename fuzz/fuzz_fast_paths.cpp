@@ -54,7 +54,7 @@ const counted_string_t *list_text(const void *l, UINT32 i)
 template <class List>
 const counted_string_t *map_text(const void *l, UINT32 i)
 {
-    using R = fast::MapRecord<List>;
+    using R = taze::list_traits<List>;
     return &(static_cast<const List *>(l)->*R::items)[i].string;
 }
 
@@ -101,7 +101,7 @@ void string_maps(const Pattern *p, List *Pattern::*lists, UINT32 Pattern::*count
                  int (*by_key)(const unsigned char *, const List *, int, const Entry **),
                  int (*search)(const unsigned char *, Value, const List *, int), const std::string &tail)
 {
-    using R = fast::MapRecord<List>;
+    using R = taze::list_traits<List>;
     for (UINT32 i = 0; p->*lists && i < p->*count && i < kLists; ++i) {
         const List *l = &(p->*lists)[i];
         for (const std::string &k : keys(tail, map_text<List>, l, l->*R::count))

@@ -6,6 +6,8 @@ packages=(g++ clang cmake ninja-build pkg-config libgcrypt20-dev libgtest-dev go
           libbenchmark-dev nlohmann-json3-dev pybind11-dev python3-dev python3-pytest python3-numpy
           publicsuffix wamerican tor-geoipdb) # the real lists of examples/real-data and the tests
 [ "${TAZE_WITH_HYPERSCAN:-0}" = 1 ] && packages+=(libhyperscan-dev)
+# Real lists for the shape benchmarks: public suffixes, words, country ranges.
+[ "${TAZE_WITH_DATA:-0}" = 1 ] && packages+=(publicsuffix wamerican tor-geoipdb)
 
 missing=()
 for p in "${packages[@]}"; do

@@ -6,12 +6,14 @@
  *
  * - exact lists and exact-keyed maps whose entries the builder found in the
  *   order their comparator needs, with no two entries comparing equal: a
- *   hash table over the folded NUL-terminated views (a key equals at most
+ *   compact hash table (one control byte and one four-byte value a slot)
+ *   over the folded NUL-terminated views (a key equals at most
  *   one entry, and the bisection finds that one);
  * - IPv4, IPv6 and port range lists whose ranges ascend without overlapping:
  *   over them the bisection finds a range holding the key exactly when one
- *   exists, so a bucket table over the key span, and a short search among
- *   the ranges of the key's bucket, answers as it does;
+ *   exists, so a bucket table over the key span (nested where ranges
+ *   crowd a bucket), and a short search among the ranges of the key's
+ *   bucket, answers as it does;
  * - prefix and suffix lists and keys whose entries are all at least K bytes
  *   long (K between 4 and 16) with no NUL among their K leading bytes (the
  *   K trailing ones for suffixes), and whose heads of K bytes never decrease
@@ -20,10 +22,13 @@
  *   decided by the heads alone, so the bisection is replayed with only the
  *   run's entries read (a run of one entry decides alone), and a key whose
  *   head no entry has matches nothing;
- * - every other bisected array (prefix and suffix lists and keys otherwise,
- *   exact
- *   lists in the wrong order, range lists in any other order, integer and
- *   IPv6 map keys): the bisection's own decision tree stored breadth-first, so
+ * - prefix and suffix lists and keys of any other shape: for every probe of
+ *   the bisection, six of its entry's bytes past those that all entries of
+ *   its interval's parent share (which a search reaching it shares too), so
+ *   most probes read one word and no text;
+ * - every other bisected array (exact lists in the wrong order, range
+ *   lists in any other order, integer and IPv6 map keys): the bisection's
+ *   own decision tree stored breadth-first, so
  *   the same entries are probed in the same order, each probe reading one
  *   small node instead of an entry and its text. String nodes carry the
  *   common prefix lengths with the two entries bounding them and a few
@@ -43,9 +48,10 @@
  * Lifetime: taz_fast_build runs at the end of a successful image load and
  * hangs the index off the image's `fast` field; taz_fast_release runs when
  * the image is released. In between nothing is written, so any number of
- * threads may search without locks. Building is bounded by the payload's
- * size (a hostile file that makes entries overlap runs out of budget and
- * its remaining lists keep the plain searches) and reads only inside the
+ * threads may search without locks. Each list's index takes a bounded
+ * number of bytes per entry of the list (a hostile file whose lists overlap
+ * meets guards proportional to the payload, and its remaining lists keep
+ * the plain searches) and reads only inside the
  * image's padded payload copy; lists it cannot index keep the plain search. */
 #ifndef TAZE_FAST_H
 #define TAZE_FAST_H
@@ -84,7 +90,7 @@ struct Options {
     bool hash_exact = true;                    /* hash sorted exact lists (else tree) */
     bool ordered_ranges = true;                /* bucket tables for ascending, non-overlapping ranges */
     bool head_groups = true;                   /* head tables for prefix and suffix lists (else tree) */
-    std::uint32_t min_head_entries = 1u << 13; /* head tables */
+    std::uint32_t min_head_entries = 1u << 10; /* head tables and windows */
 };
 
 /* What an index is, for tests and benchmarks. */

@@ -22,7 +22,7 @@ Accel *index_texts(const Texts &t, const Use &u, const Options &o, const Payload
             return within(b, 2 * kIndexBase + 48 * n, [&] { return make_substr_index(t, u.fold, pl, b); });
         }
         if (u.match != Match::Exact || !o.hash_exact || n < o.min_entries) return nullptr;
-        return within(b, kIndexBase + 18 * n, [&] { return make_hash_index(t, u.fold, pl, b); });
+        return within(b, hash_index_bytes(n), [&] { return make_hash_index(t, u.fold, pl, b); });
     case Round::Heads:
         /* The table reserves its own memory once it knows its runs. */
         if (u.match == Match::Exact || u.match == Match::Substr || !o.head_groups || n < o.min_head_entries) return nullptr;
@@ -200,17 +200,17 @@ int build(taz_pattern_st *ptn, const Options &opt)
     if (ptn == nullptr) return -1;
     taz_fast_release(ptn);
     const Payload pl{ptn->ptn_buf, ptn->ptn_buf + (ptn->ptn_buf ? std::size_t(ptn->ptn_len) + TAZ_PTN_PAD : 0)};
-    /* Bounded by the payload: a compiled file touches each text a few
-     * times, and its indexes take at most half its size plus 1 MiB of
-     * memory, so that a load needs little more than twice the file's size
-     * all told (trees, built last, are left out when memory runs short). */
+    /* Memory is granted per list (kBytesPerEntry per entry); the guards
+     * over the whole image only stop lists that overlap in a hostile file
+     * (taze_fast_common.h, Budget). */
     const std::uint64_t len = ptn->ptn_len;
-    Budget budget{16 * len + (std::uint64_t(64) << 20), len / 2 + (std::uint64_t(1) << 20)};
+    Budget budget{32 * len + (std::uint64_t(64) << 20), 4 * len + (std::uint64_t(1) << 20)};
     std::size_t lists = 0;
     each_list(ptn, [&](const auto &list, const Use &u) { lists += wanted(list, u, opt) ? 1 : 0; });
     std::size_t cap = 16;
     while (cap < 2 * lists) cap *= 2;
-    if (lists == 0 || !budget.reserve(cap * sizeof(ImageIndex::Entry))) return -1;
+    budget.grant = cap * sizeof(ImageIndex::Entry);
+    if (lists == 0 || !budget.reserve(budget.grant)) return -1;
     auto *ix = new (std::nothrow) ImageIndex;
     if (ix == nullptr || !ix->table.allocate(cap)) {
         delete ix;
@@ -219,6 +219,7 @@ int build(taz_pattern_st *ptn, const Options &opt)
     for (const Round round : {Round::Direct, Round::Heads, Round::Trees})
         each_list(ptn, [&](const auto &list, const Use &u) {
             if (budget.left == 0 || !wanted(list, u, opt) || ix->find(&list) != nullptr) return;
+            budget.grant = 2 * kIndexBase + kBytesPerEntry * std::uint64_t(entries_of(list));
             Accel *a = index_list(list, u, opt, pl, budget, round);
             if (a == nullptr) return;
             a->selection = u.selection;

@@ -91,13 +91,21 @@ private:
     std::size_t n_ = 0;
 };
 
-/* Work allowed for building one image's indexes, in bytes touched, and
- * memory, in bytes reserved before each index is allocated. Both are
- * proportional to the payload, so that a small hostile file (one whose lists
- * overlap, say) can neither make building slow nor make it allocate much. */
+/* Memory and work of building one image's indexes.
+ *
+ * Memory is granted per list: an index may take at most kBytesPerEntry
+ * bytes per entry of its list plus kIndexBase (`grant`, set before each
+ * list), whatever else the file holds. Work is bounded per entry by
+ * construction (each index reads an entry's text a few times). Two guards
+ * over the whole image, proportional to the payload, catch what per-list
+ * grants cannot: lists of a hostile file that overlap, so that their
+ * entries outnumber what the payload could hold. On a file whose lists do
+ * not overlap (every compiled file) neither guard is reached, since no
+ * index takes more than four times the bytes its entries occupy there. */
 struct Budget {
-    std::uint64_t left;
-    std::uint64_t memory;
+    std::uint64_t left;   /* work guard, bytes touched */
+    std::uint64_t memory; /* memory guard */
+    std::uint64_t grant = 0; /* what the list being indexed may still take */
     bool take(std::uint64_t n)
     {
         if (n > left) {
@@ -109,14 +117,22 @@ struct Budget {
     }
     bool reserve(std::uint64_t bytes)
     {
-        if (bytes > memory) return false;
+        if (bytes > memory || bytes > grant) return false;
         memory -= bytes;
+        grant -= bytes;
         return true;
+    }
+    void give_back(std::uint64_t bytes)
+    {
+        memory += bytes;
+        grant += bytes;
     }
 };
 
-/* Bytes reserved for the fixed parts of one index. */
+/* Bytes reserved for the fixed parts of one index, and the most an index
+ * may take per entry of its list. */
 constexpr std::uint64_t kIndexBase = 8192;
+constexpr std::uint64_t kBytesPerEntry = 64;
 
 inline void prefetch(const void *p) { __builtin_prefetch(p); }
 
@@ -208,6 +224,23 @@ struct Payload {
 };
 
 
+/* A search key prepared for the text indexes: its bytes folded as the
+ * comparator folds, read backwards for suffixes, then 16 zeros. */
+struct TextKey {
+    std::size_t klen;
+    unsigned char k[kMaxKey + 16];
+    /* False for keys longer than kMaxKey (they search plainly). */
+    bool prepare(const unsigned char *key, bool fold, bool backward)
+    {
+        klen = strnlen(reinterpret_cast<const char *>(key), kMaxKey + 1);
+        if (klen > kMaxKey) return false;
+        const ByteMap &f = byte_map(fold);
+        for (std::size_t j = 0; j < klen; ++j) k[j] = f[key[backward ? klen - 1 - j : j]];
+        std::memset(k + klen, 0, 16);
+        return true;
+    }
+};
+
 // ---- Index kinds --------------------------------------------------------------------
 
 enum class Match : unsigned char { Exact, Prefix, Suffix, Substr };
@@ -238,34 +271,48 @@ inline std::size_t slot_in(std::uint64_t h, std::size_t size)
 /* The slot after i in a linear probe. */
 inline std::size_t next_slot(std::size_t i, std::size_t size) { return i + 1 == size ? 0 : i + 1; }
 
+/* A linear-probe table of slots (Slot::free() tells a free slot), for
+ * BlockInserter. */
+template <class Slot>
+struct LinearSlots {
+    using Value = Slot;
+    Array<Slot> &slots;
+    const void *home(std::uint64_t h) const { return &slots[slot_in(h, slots.size())]; }
+    void put(std::uint64_t h, const Slot &s)
+    {
+        std::size_t at = slot_in(h, slots.size());
+        while (!slots[at].free()) at = next_slot(at, slots.size());
+        slots[at] = s;
+    }
+};
+
 /* Fills an open-addressing table in blocks: a block's home slots are
  * prefetched as its records arrive and written when it is full, so that
- * their cache misses overlap. Slot::free() tells a free slot. */
-template <class Slot>
+ * their cache misses overlap. Table::home(h) is where a hash lands,
+ * Table::put(h, value) stores a value. */
+template <class Table>
 class BlockInserter {
+    using Value = typename Table::Value;
+
 public:
-    explicit BlockInserter(Array<Slot> &table) : table_(table) {}
-    void add(std::uint64_t h, const Slot &s)
+    explicit BlockInserter(Table table) : table_(table) {}
+    void add(std::uint64_t h, const Value &s)
     {
         hashes_[used_] = h;
         block_[used_++] = s;
-        prefetch(&table_[slot_in(h, table_.size())]);
+        prefetch(table_.home(h));
         if (used_ == kBlock) flush();
     }
     void flush()
     {
-        for (std::uint32_t j = 0; j < used_; ++j) {
-            std::size_t at = slot_in(hashes_[j], table_.size());
-            while (!table_[at].free()) at = next_slot(at, table_.size());
-            table_[at] = block_[j];
-        }
+        for (std::uint32_t j = 0; j < used_; ++j) table_.put(hashes_[j], block_[j]);
         used_ = 0;
     }
 
 private:
     static constexpr std::uint32_t kBlock = 32;
-    Array<Slot> &table_;
-    Slot block_[kBlock];
+    Table table_;
+    Value block_[kBlock];
     std::uint64_t hashes_[kBlock];
     std::uint32_t used_ = 0;
 };
@@ -462,7 +509,7 @@ Accel *within(Budget &b, std::uint64_t bytes, Make make)
 {
     if (!b.reserve(bytes)) return nullptr;
     Accel *a = make();
-    if (a == nullptr) b.memory += bytes;
+    if (a == nullptr) b.give_back(bytes);
     return a;
 }
 
@@ -473,6 +520,8 @@ inline std::uint64_t tree_bytes(std::uint64_t n, std::uint64_t node) { return kI
 
 /* Exact text lists in strict comparator order (taze_fast_hash.cpp). */
 Accel *make_hash_index(const Texts &t, bool fold, const Payload &pl, Budget &b);
+/* Most bytes the hash index of n entries takes. */
+std::uint64_t hash_index_bytes(std::uint64_t n);
 /* Range lists ascending without overlap: bucket tables (taze_fast_ranges.cpp). */
 Accel *index_ordered_ranges(const ip_rng_list_st &l, Budget &b);
 Accel *index_ordered_ranges(const port_rng_list_st &l, Budget &b);

@@ -2,6 +2,8 @@
  * entries sharing it. */
 #include "taze_fast_common.h"
 
+#include <tuple>
+
 namespace taze::fast {
 
 namespace {
@@ -202,7 +204,7 @@ private:
         const std::uint64_t slots = runs + runs / 4 + 1, bytes = kIndexBase + slots * sizeof(Slot);
         if (!b.reserve(bytes)) return false;
         if (!slots_.allocate(slots)) {
-            b.memory += bytes;
+            b.give_back(bytes);
             return false;
         }
         /* Long runs whose entries all have heads longer than K get tables
@@ -211,7 +213,7 @@ private:
         const bool nest = long_runs > 0 && k_ < kMaxHead && b.reserve(long_runs * sizeof(Nested)) &&
                           nested_.allocate(long_runs);
         std::size_t made = 0;
-        BlockInserter<Slot> table(slots_);
+        BlockInserter<LinearSlots<Slot>> table(LinearSlots<Slot>{slots_});
         each_run([&](std::uint32_t first, std::uint32_t end, const U128 &h) {
             const std::uint64_t hv = hash(h);
             table.add(hv, {first, tag_of(hv) | std::min<std::uint32_t>(end - first, kLongRun)});
@@ -260,11 +262,196 @@ private:
 };
 
 
+
+// ---- Prefix and suffix lists of any shape: windows past the shared bytes ---------------------
+//
+// Both comparators compare the key K, read forwards (backwards for
+// suffixes), folded as they fold and followed by zeros, with the entry's
+// compared bytes P (m of them: its first len bytes cut after a NUL among
+// them, or all len bytes read backwards): the first position below m where
+// K and P differ gives the sign, a position where both are 0 gives 0, and
+// agreement over all m bytes gives 0.
+//
+// Every entry is the probe of one interval of the bisection; c, the number
+// of leading bytes all entries of that interval share, is known when the
+// list is indexed, and so is p, the c of the interval one level up (0 at
+// the top). A search that reaches an interval knows that K shares its first
+// p bytes with all its entries (it shares them with the probe above, and
+// the interval's entries share them). The probe's entry keeps six of its
+// bytes from p on and c - p in one word: the six bytes decide the
+// comparison unless they all agree and both K and P go on (then the entry's
+// text is compared from there), and a difference before c decides the rest
+// of the search, since every entry left shares those bytes: no entry can
+// match. Otherwise K shares c bytes with the entries of the next interval.
+// Same probes, same order, for a list in any order.
+
+class HeadWindows final : public Accel {
+public:
+    template <class T, class... A>
+    friend T *::taze::fast::filled(A &&...args); /* runs fill() */
+
+    static HeadWindows *make(const Texts &t, Match match, bool fold, const Payload &pl, Budget &b)
+    {
+        return filled<HeadWindows>(t, match, fold, pl, b);
+    }
+
+    std::int64_t find(const unsigned char *key) const override
+    {
+        if (key == nullptr) return kPlain;
+        TextKey K;
+        if (!K.prepare(key, fold_, backward_)) return kPlain;
+        const unsigned char *k = K.k;
+        const std::size_t klen = K.klen;
+        std::size_t lower = 0, upper = texts_.count, p = 0, slot = 1;
+        while (lower < upper) {
+            const std::size_t mid = (lower + upper) / 2;
+            if ((slot << 4) < words_.size()) { /* the sixteen words four levels down: two lines */
+                prefetch(&words_[slot << 4]);
+                prefetch(&words_[(slot << 4) + 8]);
+            }
+            const std::uint64_t w = words_[slot];
+            const std::size_t c = p + (w & 0xFF);
+            const unsigned r = unsigned(w >> 8) & 0xFF; /* min(m - p, 7) */
+            const std::uint64_t x = load_be64(k + p) & kWindowMask;
+            const std::uint64_t diff = (x ^ w) & kWindowMask;
+            const std::size_t j = unsigned(__builtin_clzll(diff | 0x8000)) / 8; /* kWindow when they agree */
+            const std::size_t left = klen - p; /* K's bytes from p on */
+            int cr;
+            std::size_t at = p + j; /* where the comparison was decided */
+            if (__builtin_expect((left < kWindow && j > left) || j >= std::min<std::size_t>(r, kWindow), 0)) {
+                if (left < kWindow && j > left)
+                    cr = 0; /* both end at the same place */
+                else if (r <= kWindow)
+                    cr = 0; /* P agrees over all its bytes */
+                else
+                    std::tie(cr, at) = compare(k, mid, p + kWindow);
+                if (cr == 0) return std::int64_t(mid);
+            } else {
+                /* The words differ first at byte j, inside both: their order is the bytes'. */
+                cr = x > (w & kWindowMask) ? 1 : -1;
+            }
+            if (at < c) return kMiss; /* every entry left differs there alike */
+            const bool right = cr > 0;
+            lower = right ? mid + 1 : lower;
+            upper = right ? upper : mid;
+            slot = 2 * slot + (right ? 1 : 0);
+            p = c;
+        }
+        return kMiss;
+    }
+    Shape shape() const override { return Shape::Heads; }
+
+    static constexpr std::uint64_t kBytesPerEntry = 18; /* up to two words, two bytes while building */
+
+private:
+    static constexpr unsigned kWindow = 6;
+    static constexpr std::size_t kMaxShared = 254;
+    static constexpr std::uint64_t kWindowMask = ~0ull << 16;
+
+    /* The entry's compared bytes, or kMeasured when there are more (the
+     * words need no more, so building reads a bounded part of each entry). */
+    static constexpr std::uint64_t kMeasured = kMaxShared + kWindow + 2;
+    std::uint64_t measure(const counted_string_t &s) const
+    {
+        const std::uint64_t n = std::min<std::uint64_t>(s.len, kMeasured);
+        if (backward_) return n;
+        const void *nul = std::memchr(s.ptr, 0, n);
+        return nul ? std::uint64_t(static_cast<const unsigned char *>(nul) - s.ptr) + 1 : n;
+    }
+    unsigned char byte(const counted_string_t &s, std::size_t j) const
+    {
+        return byte_map(fold_)[backward_ ? s.ptr[s.len - 1 - j] : s.ptr[j]];
+    }
+
+    /* The comparison of K with entry i from position a on (they agree
+     * before it) and where it was decided. */
+    std::pair<int, std::size_t> compare(const unsigned char *k, std::size_t i, std::size_t a) const
+    {
+        const counted_string_t &s = texts_.at(i);
+        for (std::size_t j = a;; ++j) {
+            if (j >= s.len) return {0, j}; /* a NUL inside P ends it below, as it ends m */
+            const unsigned kc = k[j], pc = byte(s, j);
+            if (kc != pc) return {kc > pc ? 1 : -1, j};
+            if (kc == 0) return {0, j};
+        }
+    }
+
+    /* Shared bytes of entries i and i + 1, up to kMaxShared. */
+    std::size_t shared(std::uint32_t i) const
+    {
+        const counted_string_t &a = texts_.at(i), &b = texts_.at(i + 1);
+        const std::size_t lim = std::min<std::uint64_t>({measure(a), measure(b), kMaxShared});
+        std::size_t j = 0;
+        while (j < lim && byte(a, j) == byte(b, j)) ++j;
+        return j;
+    }
+
+    /* c of the interval [lo, hi) and of its descendants, kept by probe in
+     * cs; answers it (kMaxShared when empty). */
+    std::size_t shared_in(std::uint32_t lo, std::uint32_t hi, const Array<unsigned char> &adj, Array<unsigned char> &cs) const
+    {
+        if (lo >= hi) return kMaxShared;
+        const std::uint32_t mid = lo + (hi - lo) / 2;
+        std::size_t c = std::min<std::uint64_t>(measure(texts_.at(mid)), kMaxShared);
+        c = std::min(c, shared_in(lo, mid, adj, cs));
+        c = std::min(c, shared_in(mid + 1, hi, adj, cs));
+        if (mid > lo) c = std::min<std::size_t>(c, adj[mid - 1]);
+        if (mid + 1 < hi) c = std::min<std::size_t>(c, adj[mid]);
+        cs[mid] = static_cast<unsigned char>(c);
+        return c;
+    }
+
+    /* The words of [lo, hi) and its descendants, whose searches arrive
+     * knowing p bytes. */
+    void place(std::uint32_t lo, std::uint32_t hi, std::size_t slot, std::size_t p, const Array<unsigned char> &cs)
+    {
+        if (lo >= hi) return;
+        const std::uint32_t mid = lo + (hi - lo) / 2;
+        const std::size_t c = cs[mid];
+        const counted_string_t &s = texts_.at(mid);
+        const std::uint64_t r = measure(s) - p;
+        std::uint64_t w = (c - p) | std::min<std::uint64_t>(r, 7) << 8;
+        for (unsigned j = 0; j < std::min<std::uint64_t>(r, kWindow); ++j) w |= std::uint64_t(byte(s, p + j)) << (56 - 8 * j);
+        words_[slot] = w;
+        place(lo, mid, 2 * slot, c, cs);
+        place(mid + 1, hi, 2 * slot + 1, c, cs);
+    }
+
+    bool fill(const Texts &t, Match match, bool fold, const Payload &pl, Budget &b)
+    {
+        texts_ = t;
+        fold_ = fold;
+        backward_ = match == Match::Suffix;
+        const std::uint32_t n = t.count;
+        if (n == 0 || n >= (1u << 30) || (match != Match::Prefix && match != Match::Suffix)) return false;
+        const std::uint64_t bytes = kIndexBase + kBytesPerEntry * n;
+        if (!b.reserve(bytes)) return false;
+        Array<unsigned char> adj, cs;
+        if (!words_.allocate(std::size_t(1) << depth_of(n)) || !adj.allocate(n) || !cs.allocate(n)) {
+            b.give_back(bytes);
+            return false;
+        }
+        for (std::uint32_t i = 0; i < n; ++i) {
+            const counted_string_t &s = t.at(i);
+            if (!pl.holds(s) || s.len > 0x7FFFFFFFu || !b.take(2 * kMaxShared + 16)) return false;
+        }
+        for (std::uint32_t i = 0; i + 1 < n; ++i) adj[i] = static_cast<unsigned char>(shared(i));
+        shared_in(0, n, adj, cs);
+        place(0, n, 1, 0, cs);
+        return true;
+    }
+
+    Texts texts_{};
+    Array<std::uint64_t> words_; /* breadth-first by probe: window, min(m - p, 7), c - p */
+    bool fold_ = true, backward_ = false;
+};
+
 } // namespace
 
 Accel *make_head_groups(const Texts &t, Match m, bool fold, const Payload &pl, Budget &b)
 {
-    return HeadGroups::make(t, m, fold, pl, b);
+    if (Accel *a = HeadGroups::make(t, m, fold, pl, b)) return a;
+    return HeadWindows::make(t, m, fold, pl, b);
 }
 
 } // namespace taze::fast

@@ -20,8 +20,12 @@ inline unsigned __int128 wide(const U128 &k) { return (static_cast<unsigned __in
  * there is one, and there is at most one. The span from the first low to
  * the last high is cut into equal buckets; first_[b] is the first range
  * ending in bucket b or later, so the range that can hold a key is among
- * the few between the first ranges of its bucket and of the next one.
- * Lists of any other shape keep the tree or the plain search. */
+ * the few between the first ranges of its bucket and of the next one. A
+ * bucket that holds many ranges (real address plans cluster: most of a
+ * list can fall into a few buckets) gets a table of its own over the
+ * bucket's span, and so on down, so the buckets follow where the ranges
+ * are rather than the key span. Lists of any other shape keep the tree or
+ * the plain search. */
 template <class B, class Item>
 class OrderedRanges final : public KeyedAccel<OrderedRanges<B, Item>, B> {
     using W = Wide<B>;
@@ -34,42 +38,76 @@ public:
             const RangeNode<B> r = range_of(items[i]);
             if (order(r.low, r.high) > 0 || (i > 0 && order(range_of(items[i - 1]).high, r.low) >= 0)) return nullptr;
         }
-        std::uint32_t bits = 1;
-        while (bits < 20 && (std::uint64_t(4) << bits) <= n) ++bits;
-        const std::uint64_t buckets = std::uint64_t(1) << bits;
-        if (!b.reserve(kIndexBase + (buckets + 1) * 4) || !b.take(n * sizeof(Item))) return nullptr;
+        if (!b.take(n * sizeof(Item))) return nullptr;
         auto *x = new (std::nothrow) OrderedRanges;
-        if (x == nullptr || !x->first_.allocate(buckets + 1)) {
+        if (x != nullptr && !x->fill(items, n, wide(range_of(items[0]).low), wide(range_of(items[n - 1]).high), 0, b)) {
             delete x;
-            return nullptr;
-        }
-        x->items_ = items;
-        x->n_ = n;
-        x->base_ = wide(range_of(items[0]).low);
-        x->top_ = wide(range_of(items[n - 1]).high);
-        const W span = x->top_ - x->base_;
-        while ((span >> x->shift_) >= buckets) ++x->shift_;
-        std::uint32_t i = 0;
-        for (std::uint64_t k = 0; k <= buckets; ++k) {
-            while (i < n && x->bucket(range_of(items[i]).high) < k) ++i;
-            x->first_[k] = i;
+            x = nullptr;
         }
         return x;
+    }
+    ~OrderedRanges() override
+    {
+        for (std::size_t i = 0; i < sub_.size(); ++i) delete sub_[i];
     }
 
     Shape shape() const override { return Shape::Buckets; }
 
 private:
     friend KeyedAccel<OrderedRanges, B>;
+    static constexpr std::uint32_t kNestFrom = 192; /* ranges in a bucket that get a table of their own */
+    static constexpr unsigned kMaxLevels = 8;
+
+    /* Buckets over [base, top] for the n ranges at items, all of which end
+     * inside it; tables for the crowded buckets while levels and memory last. */
+    bool fill(const Item *items, std::uint32_t n, W base, W top, unsigned level, Budget &b)
+    {
+        /* About n/4 buckets at the top, n/8 in nested tables (whose ranges
+         * cluster less, having been spread once). */
+        std::uint32_t bits = 1;
+        while (bits < 20 && (std::uint64_t(level == 0 ? 4 : 8) << bits) <= n) ++bits;
+        const std::uint64_t buckets = std::uint64_t(1) << bits;
+        if (!b.reserve(kIndexBase / 8 + (buckets + 1) * 4) || !first_.allocate(buckets + 1)) return false;
+        items_ = items;
+        n_ = n;
+        base_ = base;
+        top_ = top;
+        const W span = top_ - base_;
+        while (shift_ < 8 * sizeof(W) - 1 && (span >> shift_) >= buckets) ++shift_;
+        std::uint32_t i = 0;
+        std::uint64_t crowded = 0;
+        for (std::uint64_t k = 0; k <= buckets; ++k) {
+            while (i < n && bucket(range_of(items[i]).high) < k) ++i;
+            first_[k] = i;
+            crowded += k > 0 && first_[k] - first_[k - 1] >= kNestFrom ? 1 : 0;
+        }
+        if (crowded == 0 || level + 1 >= kMaxLevels || shift_ == 0) return true;
+        if (!b.reserve(buckets * sizeof(OrderedRanges *)) || !sub_.allocate(buckets)) return true;
+        for (std::uint64_t k = 0; k < buckets; ++k) {
+            const std::uint32_t len = first_[k + 1] - first_[k];
+            if (len < kNestFrom) continue;
+            const W lo = base_ + (W(k) << shift_);
+            const W hi = std::min<W>(top_, lo + ((W(1) << shift_) - 1));
+            auto *x = new (std::nothrow) OrderedRanges;
+            if (x != nullptr && !x->fill(items + first_[k], len, lo, hi, level + 1, b)) {
+                delete x;
+                x = nullptr;
+            }
+            sub_[k] = x;
+        }
+        return true;
+    }
+
     std::uint64_t bucket(const B &k) const { return static_cast<std::uint64_t>((wide(k) - base_) >> shift_); }
 
-    std::int64_t search(const B &k) const
+    /* The first of this table's ranges ending at or after k (n_ if none);
+     * k lies in [base_, top_]. */
+    std::uint32_t first_after(const B &k) const
     {
-        const W w = wide(k);
-        if (w < base_ || w > top_) return kMiss;
         const std::uint64_t at = bucket(k);
-        /* The first range ending at or after k: ranges before first_[at]
-         * end in earlier buckets, the range first_[at + 1] ends after k. */
+        if (sub_.size() != 0 && sub_[at] != nullptr) return first_[at] + sub_[at]->first_after(k);
+        /* Ranges before first_[at] end in earlier buckets, the range
+         * first_[at + 1] ends after k. */
         std::uint32_t i = first_[at], len = first_[at + 1] - first_[at];
         while (len > 0) {
             const std::uint32_t half = len / 2;
@@ -77,12 +115,21 @@ private:
             i += right ? half + 1 : 0;
             len = right ? len - half - 1 : half;
         }
+        return i;
+    }
+
+    std::int64_t search(const B &k) const
+    {
+        const W w = wide(k);
+        if (w < base_ || w > top_) return kMiss;
+        const std::uint32_t i = first_after(k);
         return i < n_ && order(k, range_of(items_[i]).low) >= 0 ? 0 : kMiss;
     }
 
     const Item *items_ = nullptr; /* the list's own records */
     std::uint32_t n_ = 0;
     Array<std::uint32_t> first_;
+    Array<OrderedRanges *> sub_; /* by bucket: the crowded buckets' tables, or none */
     W base_ = 0, top_ = 0;
     unsigned shift_ = 0;
 };

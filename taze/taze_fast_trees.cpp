@@ -119,12 +119,6 @@ struct Text {
     unsigned char at(std::uint64_t j, const ByteMap &f) const { return f[backward ? ptr[len - 1 - j] : ptr[j]]; }
 };
 
-/* The search key, prepared: K[j] for j <= klen, zero beyond. */
-struct TextKey {
-    std::size_t klen;
-    unsigned char k[kMaxKey + 16];
-};
-
 class TextTree final : public Accel {
 public:
     template <class T, class... A>
@@ -139,11 +133,7 @@ public:
     {
         if (key == nullptr) return kPlain;
         TextKey K;
-        K.klen = strnlen(reinterpret_cast<const char *>(key), kMaxKey + 1);
-        if (K.klen > kMaxKey) return kPlain;
-        const ByteMap &f = byte_map(fold_);
-        for (std::size_t j = 0; j < K.klen; ++j) K.k[j] = f[key[match_ == Match::Suffix ? K.klen - 1 - j : j]];
-        std::memset(K.k + K.klen, 0, 16);
+        if (!K.prepare(key, fold_, match_ == Match::Suffix)) return kPlain;
         std::uint64_t agree[2] = {0, 0};
         return tree_.search([&](const TextNode &nd) { return decide(nd, K, agree); });
     }

@@ -11,6 +11,7 @@
 extern "C" std::size_t __sanitizer_get_current_allocated_bytes(); /* the sanitizer run-time */
 #endif
 #include <cstring>
+#include <functional>
 #include <random>
 #include <string>
 #include <vector>
@@ -261,6 +262,52 @@ TEST(FastPaths, HeadTablesFindTheEndsOfLongRuns)
     }
 }
 
+/* Prefix and suffix lists of the shapes users ship, one row each: the
+ * entry the index answers is the one the plain bisection stops at. */
+TEST(FastPaths, PrefixAndSuffixListsOfEveryShapeHitTheBisectionsEntry)
+{
+    struct Row {
+        const char *what;
+        std::function<std::string(Rng &, unsigned)> make;
+        unsigned n;
+    };
+    const std::string shared(300, 'q'); /* longer than a window remembers */
+    const Row rows[] = {
+        {"short entries", [](Rng &r, unsigned) { return r.text(3); }, 1500},
+        {"mixed lengths", [](Rng &r, unsigned) { return r.text(r.one_in(3) ? 40 : 6); }, 3000},
+        {"one shared head", [](Rng &r, unsigned) { return "/wp-content/" + r.text(8); }, 2000},
+        {"nested entries", [](Rng &r, unsigned i) { return i % 2 ? r.head(2) : r.head(2) + "." + r.head(3); }, 2500},
+        {"long shared text", [&](Rng &r, unsigned) { return r.head(1) + shared + r.text(5); }, 1200},
+    };
+    for (const Row &row : rows)
+        for (bool suffix : {false, true}) {
+            Rng r(row.n + suffix);
+            const tazw::Order order = suffix ? tazw::Order::FoldReversed : tazw::Order::Fold;
+            std::vector<std::string> v;
+            for (unsigned i = 0; i < row.n; ++i) {
+                std::string e = row.make(r, i);
+                v.push_back(suffix ? std::string(e.rbegin(), e.rend()) : e);
+            }
+            tazw::sort_in(order, v);
+            Image img(tazw::section(magic4(suffix ? "SUF" : "PRE"), 1, tazw::list(0, std::uint32_t(v.size()), tazw::string_entries(v))));
+            ASSERT_NE(img.p, nullptr);
+            ASSERT_EQ(fast::build(img.p, kEveryList), 0);
+            const void *list = suffix ? static_cast<const void *>(img.p->string_suffix_lists) : img.p->string_prefix_lists;
+            const counted_string_t *items = suffix ? img.p->string_suffix_lists->strings : img.p->string_prefix_lists->strings;
+            const fast::Accel *a = fast::find(img.p, list);
+            ASSERT_NE(a, nullptr) << row.what;
+            std::vector<std::string> keys = keys_for(r, v);
+            for (const std::string &e : v) keys.push_back(suffix ? "x" + e : e + "x");
+            for (const std::string &key : keys) {
+                const counted_string_t k{bytes(key), UINT32(key.size())};
+                const counted_string_t *hit = taze::bisect(&k, items, v.size(), suffix ? str_compare_reverse_prefix : str_compare_prefix);
+                const std::int64_t got = fast::lookup(a, bytes(key));
+                if (got == fast::kPlain && key.size() > 2048) continue; /* very long keys search plainly */
+                ASSERT_EQ(got, hit ? hit - items : fast::kMiss) << row.what << (suffix ? " suffix '" : " prefix '") << key << "'";
+            }
+        }
+}
+
 /* ---- ranges ------------------------------------------------------------------------- */
 
 /* Ranges: sorted and disjoint, or overlapping, inverted and unsorted. */
@@ -318,6 +365,49 @@ TEST(FastPaths, RangeListsAnswerAsThePlainSearches)
             EXPECT_EQ(fast::list_search(img.p, img.p->ipv6_range_lists, a.data(), ipv6_rng_list_search),
                       ipv6_rng_list_search(a.data(), img.p->ipv6_range_lists)) << seed << " ipv6 " << x;
         }
+    }
+}
+
+/* Ordered range lists that cluster (most ranges within a few buckets of
+ * the key span, widths from 1 to 2^20) get nested bucket tables; every
+ * bound of every range, and the addresses around it, answer as the plain
+ * searches do. */
+TEST(FastPaths, ClusteredRangesAnswerAsThePlainSearches)
+{
+    for (unsigned clusters : {1u, 3u, 8u}) {
+        Rng r(clusters);
+        std::vector<std::pair<std::uint64_t, std::uint64_t>> spans;
+        std::uint64_t at = 5;
+        for (unsigned c = 0; c < clusters; ++c) {
+            for (unsigned i = 0; i < 3000 / clusters; ++i) {
+                const std::uint64_t w = std::uint64_t(1) << r.below(r.one_in(50) ? 21 : 5);
+                spans.push_back({at, at + w - 1});
+                at += w + r.below(3) * w;
+            }
+            at += std::uint64_t(1) << (28 + c % 3); /* far apart */
+        }
+        std::vector<std::pair<std::uint32_t, std::uint32_t>> v4;
+        std::vector<std::pair<tazw::IPv6, tazw::IPv6>> six;
+        for (const auto &[lo, hi] : spans) {
+            v4.push_back({std::uint32_t(lo), std::uint32_t(hi)});
+            six.push_back({v6(lo << 20), v6((hi << 20) | 0xFFFFF)});
+        }
+        Image img(tazw::concat({tazw::section(magic4("IP"), 1, tazw::list(0, std::uint32_t(v4.size()), tazw::ip_entries(v4))),
+                                tazw::section(magic4("IPV6"), 1, tazw::list(0, std::uint32_t(six.size()), tazw::ipv6_entries(six)))}));
+        ASSERT_NE(img.p, nullptr);
+        ASSERT_EQ(fast::build(img.p, kEveryList), 0);
+        ASSERT_EQ(fast::shape(fast::find(img.p, img.p->ipv6_range_lists)), fast::Shape::Buckets);
+        for (const auto &[lo, hi] : spans)
+            for (std::uint64_t x : {lo - 1, lo, lo + 1, hi - 1, hi, hi + 1}) {
+                const auto ip = std::uint32_t(x);
+                ASSERT_EQ(fast::list_search(img.p, img.p->ip_range_lists, ip, ip_rng_list_search),
+                          ip_rng_list_search(ip, img.p->ip_range_lists)) << clusters << " ip " << ip;
+                for (std::uint64_t low : {std::uint64_t(0), std::uint64_t(0xFFFFF)}) {
+                    const tazw::IPv6 a = v6((x << 20) | low);
+                    ASSERT_EQ(fast::list_search(img.p, img.p->ipv6_range_lists, a.data(), ipv6_rng_list_search),
+                              ipv6_rng_list_search(a.data(), img.p->ipv6_range_lists)) << clusters << " ipv6 " << x;
+                }
+            }
     }
 }
 
