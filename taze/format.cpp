@@ -69,13 +69,6 @@ int version_text(std::uint32_t v, char *buf, int size)
     return 0;
 }
 
-std::string version_text(std::uint32_t v)
-{
-    char buf[32];
-    version_text(v, buf, sizeof buf);
-    return buf;
-}
-
 /* ---- Directory candidates ---- */
 
 namespace {

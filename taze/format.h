@@ -102,7 +102,14 @@ static_assert(kFoldTable['Q'] == 'q' && kFoldTable['@'] == '@' && kFoldTable['['
 /* A pattern version as "%d.%05d.%02d" (product, version, build), cut to
  * size - 1 bytes (size at least 1): 0. */
 int version_text(std::uint32_t v, char *buf, int size);
-std::string version_text(std::uint32_t v);
+/* The same as a string, for the tools (inline, so that the library itself
+ * instantiates no std::string code that its shared object would export). */
+inline std::string version_text(std::uint32_t v)
+{
+    char buf[32];
+    version_text(v, buf, sizeof buf);
+    return buf;
+}
 
 /* ---- Directory candidates ---- */
 
