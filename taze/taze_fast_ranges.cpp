@@ -72,8 +72,20 @@ private:
         n_ = n;
         base_ = base;
         top_ = top;
-        const W span = top_ - base_;
-        while (shift_ < 8 * sizeof(W) - 1 && (span >> shift_) >= buckets) ++shift_;
+        /* A nested table whose ranges all end in one bucket narrows to that
+         * bucket and is cut again, instead of nesting a table that would be
+         * its only one (clustered addresses: a level per step down to the
+         * cluster's width). Each narrowing counts as a level. */
+        for (;;) {
+            const W span = top_ - base_;
+            shift_ = 0;
+            while (shift_ < 8 * sizeof(W) - 1 && (span >> shift_) >= buckets) ++shift_;
+            const std::uint64_t k = bucket(range_of(items[0]).high);
+            if (level == 0 || level + 1 >= kMaxLevels || shift_ == 0 || bucket(range_of(items[n - 1]).high) != k) break;
+            base_ += W(k) << shift_;
+            top_ = std::min<W>(top_, base_ + ((W(1) << shift_) - 1));
+            ++level;
+        }
         std::uint32_t i = 0;
         std::uint64_t crowded = 0;
         for (std::uint64_t k = 0; k <= buckets; ++k) {
@@ -82,8 +94,18 @@ private:
             crowded += k > 0 && first_[k] - first_[k - 1] >= kNestFrom ? 1 : 0;
         }
         if (crowded == 0 || level + 1 >= kMaxLevels || shift_ == 0) return true;
-        if (!b.reserve(buckets * sizeof(OrderedRanges *)) || !sub_.allocate(buckets)) return true;
+        /* The crowded buckets' tables sit in a short array, reached through
+         * a byte per bucket (its place among the tables of its 64-bucket
+         * group, plus one; 0 when it has none) and a running count per 64
+         * buckets: a pointer per bucket would cost 2 bytes per range at the
+         * top level, most of them null. */
+        const std::uint64_t words = (buckets + 63) / 64;
+        if (!b.reserve(buckets + words * 4 + crowded * sizeof(OrderedRanges *)) || !place_.allocate(buckets) ||
+            !rank_.allocate(words) || !sub_.allocate(crowded))
+            return true;
+        std::uint32_t c = 0;
         for (std::uint64_t k = 0; k < buckets; ++k) {
+            if (k % 64 == 0) rank_[k / 64] = c;
             const std::uint32_t len = first_[k + 1] - first_[k];
             if (len < kNestFrom) continue;
             const W lo = base_ + (W(k) << shift_);
@@ -93,19 +115,32 @@ private:
                 delete x;
                 x = nullptr;
             }
-            sub_[k] = x;
+            if (x == nullptr) continue;
+            place_[k] = static_cast<std::uint8_t>(c - rank_[k / 64] + 1);
+            sub_[c++] = x;
         }
         return true;
     }
 
+    /* The table of bucket at, or null when the bucket has none. */
+    const OrderedRanges *sub(std::uint64_t at) const
+    {
+        if (place_.size() == 0 || place_[at] == 0) return nullptr;
+        return sub_[rank_[at / 64] + place_[at] - 1u];
+    }
+
     std::uint64_t bucket(const B &k) const { return static_cast<std::uint64_t>((wide(k) - base_) >> shift_); }
 
-    /* The first of this table's ranges ending at or after k (n_ if none);
-     * k lies in [base_, top_]. */
+    /* The first of this table's ranges ending at or after k (n_ if none). */
     std::uint32_t first_after(const B &k) const
     {
+        /* A narrowed table sees keys on either side of its span: every
+         * range ends inside it. */
+        const W w = wide(k);
+        if (w < base_) return 0;
+        if (w > top_) return n_;
         const std::uint64_t at = bucket(k);
-        if (sub_.size() != 0 && sub_[at] != nullptr) return first_[at] + sub_[at]->first_after(k);
+        if (const OrderedRanges *t = sub(at)) return first_[at] + t->first_after(k);
         /* Ranges before first_[at] end in earlier buckets, the range
          * first_[at + 1] ends after k. */
         std::uint32_t i = first_[at], len = first_[at + 1] - first_[at];
@@ -129,7 +164,9 @@ private:
     const Item *items_ = nullptr; /* the list's own records */
     std::uint32_t n_ = 0;
     Array<std::uint32_t> first_;
-    Array<OrderedRanges *> sub_; /* by bucket: the crowded buckets' tables, or none */
+    Array<std::uint8_t> place_;    /* by bucket: its table's place in its group of 64, plus one; 0: none */
+    Array<std::uint32_t> rank_;    /* per 64 buckets: tables of the buckets before them */
+    Array<OrderedRanges *> sub_;   /* the crowded buckets' tables, in bucket order */
     W base_ = 0, top_ = 0;
     unsigned shift_ = 0;
 };

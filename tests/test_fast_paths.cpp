@@ -370,8 +370,9 @@ TEST(FastPaths, RangeListsAnswerAsThePlainSearches)
 
 /* Ordered range lists that cluster (most ranges within a few buckets of
  * the key span, widths from 1 to 2^20) get nested bucket tables; every
- * bound of every range, and the addresses around it, answer as the plain
- * searches do. */
+ * bound of every range, the addresses around it and those in the gaps
+ * between clusters answer as the plain searches do. Each cluster opens
+ * with a wide range, which can start before the bucket its table narrows to. */
 TEST(FastPaths, ClusteredRangesAnswerAsThePlainSearches)
 {
     for (unsigned clusters : {1u, 3u, 8u}) {
@@ -380,7 +381,7 @@ TEST(FastPaths, ClusteredRangesAnswerAsThePlainSearches)
         std::uint64_t at = 5;
         for (unsigned c = 0; c < clusters; ++c) {
             for (unsigned i = 0; i < 3000 / clusters; ++i) {
-                const std::uint64_t w = std::uint64_t(1) << r.below(r.one_in(50) ? 21 : 5);
+                const std::uint64_t w = std::uint64_t(1) << (i == 0 ? 24 : r.below(r.one_in(50) ? 21 : 5));
                 spans.push_back({at, at + w - 1});
                 at += w + r.below(3) * w;
             }
@@ -388,9 +389,11 @@ TEST(FastPaths, ClusteredRangesAnswerAsThePlainSearches)
         }
         std::vector<std::pair<std::uint32_t, std::uint32_t>> v4;
         std::vector<std::pair<tazw::IPv6, tazw::IPv6>> six;
+        /* IPv6 clusters far apart, each far narrower than a top bucket. */
+        const auto wide = [](std::uint64_t x) { return (x << 20) + ((x >> 27) << 56); };
         for (const auto &[lo, hi] : spans) {
             v4.push_back({std::uint32_t(lo), std::uint32_t(hi)});
-            six.push_back({v6(lo << 20), v6((hi << 20) | 0xFFFFF)});
+            six.push_back({v6(wide(lo)), v6(wide(hi) | 0xFFFFF)});
         }
         Image img(tazw::concat({tazw::section(magic4("IP"), 1, tazw::list(0, std::uint32_t(v4.size()), tazw::ip_entries(v4))),
                                 tazw::section(magic4("IPV6"), 1, tazw::list(0, std::uint32_t(six.size()), tazw::ipv6_entries(six)))}));
@@ -398,12 +401,12 @@ TEST(FastPaths, ClusteredRangesAnswerAsThePlainSearches)
         ASSERT_EQ(fast::build(img.p, kEveryList), 0);
         ASSERT_EQ(fast::shape(fast::find(img.p, img.p->ipv6_range_lists)), fast::Shape::Buckets);
         for (const auto &[lo, hi] : spans)
-            for (std::uint64_t x : {lo - 1, lo, lo + 1, hi - 1, hi, hi + 1}) {
+            for (std::uint64_t x : {lo - (1 << 27), lo - 1, lo, lo + 1, hi - 1, hi, hi + 1, hi + (1 << 27)}) {
                 const auto ip = std::uint32_t(x);
                 ASSERT_EQ(fast::list_search(img.p, img.p->ip_range_lists, ip, ip_rng_list_search),
                           ip_rng_list_search(ip, img.p->ip_range_lists)) << clusters << " ip " << ip;
-                for (std::uint64_t low : {std::uint64_t(0), std::uint64_t(0xFFFFF)}) {
-                    const tazw::IPv6 a = v6((x << 20) | low);
+                for (std::uint64_t v : {wide(x), wide(x) | 0xFFFFF, wide(x) - (std::uint64_t(1) << 50), wide(x) + (std::uint64_t(1) << 50)}) {
+                    const tazw::IPv6 a = v6(v);
                     ASSERT_EQ(fast::list_search(img.p, img.p->ipv6_range_lists, a.data(), ipv6_rng_list_search),
                               ipv6_rng_list_search(a.data(), img.p->ipv6_range_lists)) << clusters << " ipv6 " << x;
                 }
