@@ -6,6 +6,7 @@ import ipaddress
 import pathlib
 import random
 import shutil
+import subprocess
 import sys
 import threading
 import time
@@ -36,7 +37,12 @@ LISTS = [
 
 
 def reference(ptn, kind, list_no, keys):
-    return [a["match"] for a in query(ptn, kind, list_no, "--", *keys)]
+    try:
+        return [a["match"] for a in query(ptn, kind, list_no, "--", *keys)]
+    except subprocess.CalledProcessError as e:
+        # the tool refuses a list the file lacks; the library answers "no match"
+        assert f"list {list_no} does not exist" in e.stderr, e.stderr
+        return [False] * len(keys)
 
 
 @pytest.mark.parametrize("method,kind,list_no,keys", LISTS)
