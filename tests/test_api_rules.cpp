@@ -593,49 +593,6 @@ TEST(ApiRules, CompilerVersion)
     }
 }
 
-/* ---- the pattern kind of Ex forms ---------------------------------------------------------------- */
-TEST(ApiRules, ExFormsRefuseOtherKinds)
-{
-    tazt::Handle h = tazt::load_payload(full_payload());
-    unsigned int u = 0, v = 0;
-    char *copy = nullptr; /* every call below is refused, so nothing is ever copied into it */
-    const std::vector<std::pair<const char *, std::function<int(unsigned int)>>> calls = {
-        {"GetRuleIndexDescEx", [&](unsigned pt) { return TAZE_GetRuleIndexDescEx(h.get(), pt, 0, &copy); }},
-        {"GetRuleIndexRiskEx", [&](unsigned pt) { return TAZE_GetRuleIndexRiskEx(h.get(), pt, 0, &copy); }},
-        {"GetRuleIndexRiskGroupEx", [&](unsigned pt) { return TAZE_GetRuleIndexRiskGroupEx(h.get(), pt, 0, &u); }},
-        {"GetRuleIndexCLEx", [&](unsigned pt) { return TAZE_GetRuleIndexCLEx(h.get(), pt, 0, &u); }},
-        {"GetRuleIndexEnableEx", [&](unsigned pt) { return TAZE_GetRuleIndexEnableEx(h.get(), pt, 0, &u); }},
-        {"GetRuleIndexRuleIDEx", [&](unsigned pt) { return TAZE_GetRuleIndexRuleIDEx(h.get(), pt, 0, &u); }},
-        {"GetRuleInfoCountEx", [&](unsigned pt) { return TAZE_GetRuleInfoCountEx(h.get(), pt, &u); }},
-        {"GetRuleIdRiskEx", [&](unsigned pt) { return TAZE_GetRuleIdRiskEx(h.get(), pt, 10, &copy); }},
-        {"GetRuleIdRiskGroupEx", [&](unsigned pt) { return TAZE_GetRuleIdRiskGroupEx(h.get(), pt, 10, &u); }},
-        {"GetRuleIdCLEx", [&](unsigned pt) { return TAZE_GetRuleIdCLEx(h.get(), pt, 10, &u); }},
-        {"CheckRuleIdCleanEx", [&](unsigned pt) { return TAZE_CheckRuleIdCleanEx(h.get(), pt, 30, 6, 2, &u); }},
-        {"GetRuleIdCleanEx",
-         [&](unsigned pt) {
-             char *s = nullptr, *d = nullptr;
-             return TAZE_GetRuleIdCleanEx(h.get(), pt, 30, &u, &s, &d);
-         }},
-        {"CheckCleanInfoEx", [&](unsigned pt) { return TAZE_CheckCleanInfoEx(h.get(), pt, 6, 2, &u); }},
-        {"GetCleanInfoEx",
-         [&](unsigned pt) {
-             char *s = nullptr, *d = nullptr;
-             return TAZE_GetCleanInfoEx(h.get(), pt, 6, &u, &s, &d);
-         }},
-        {"GetProtocolIdGroupIDEx", [&](unsigned pt) { return TAZE_GetProtocolIdGroupIDEx(h.get(), pt, 6, &u); }},
-        {"GetKnownRiskInfoEx", [&](unsigned pt) { return TAZE_GetKnownRiskInfoEx(h.get(), pt, 2, 6, &u, &v); }},
-        {"GetPotentialRiskInfoEx",
-         [&](unsigned pt) { return TAZE_GetPotentialRiskInfoEx(h.get(), pt, 10, 2, 6, &u, &v); }},
-        {"GetThreatTypeEx", [&](unsigned pt) { return TAZE_GetThreatTypeEx(h.get(), pt, 10, &u); }},
-    };
-    for (const auto &[name, call] : calls) {
-        SCOPED_TRACE(name);
-        EXPECT_EQ(call(2), PARA_ERR);
-        EXPECT_EQ(call(0xFFFFFFFFu), PARA_ERR);
-        EXPECT_EQ(call(PT_ULM), PARA_ERR) << "no second kind in this file";
-    }
-}
-
 /* ---- messages printed while loading --------------------------------------------------------------- */
 std::string hex_magic(std::uint32_t m)
 {

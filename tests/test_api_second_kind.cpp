@@ -268,7 +268,7 @@ TEST(ApiSecondKind, UnknownNameListMessage)
     }
 }
 
-/* ---- Ex forms asking for the second kind ------------------------------------------------------- */
+/* ---- Ex forms: the second kind, and kinds that do not exist ------------------------------------------------------- */
 TEST(ApiSecondKind, ExFormsOfTheSecondKind)
 {
     tazt::Handle both = tazt::load_payload(main_payload(), second_payload());
@@ -314,56 +314,61 @@ TEST(ApiSecondKind, ExFormsOfTheSecondKind)
             return rc == 0 ? "0 " + std::to_string(p) + "/" + std::to_string(s) : std::to_string(rc);
         };
     };
-    const unsigned U = PT_ULM;
+    unsigned U = PT_ULM; /* the kind every row asks for */
     struct Row {
         const char *name;
         std::function<std::string(TAZE *)> call;
         std::string answer; /* on the second kind; refused when it is missing */
     } rows[] = {
-        {"GetRuleInfoCountEx", number([U](TAZE *h, unsigned *o) { return TAZE_GetRuleInfoCountEx(h, U, o); }), "0 3"},
-        {"GetRuleIndexDescEx", text([U](TAZE *h, char **o) { return TAZE_GetRuleIndexDescEx(h, U, 0, o); }),
+        {"GetRuleInfoCountEx", number([&U](TAZE *h, unsigned *o) { return TAZE_GetRuleInfoCountEx(h, U, o); }), "0 3"},
+        {"GetRuleIndexDescEx", text([&U](TAZE *h, char **o) { return TAZE_GetRuleIndexDescEx(h, U, 0, o); }),
          "0 second rule"},
-        {"GetRuleIndexRiskEx", text([U](TAZE *h, char **o) { return TAZE_GetRuleIndexRiskEx(h, U, 1, o); }),
+        {"GetRuleIndexRiskEx", text([&U](TAZE *h, char **o) { return TAZE_GetRuleIndexRiskEx(h, U, 1, o); }),
          "0 shared-second"},
         {"GetRuleIndexRiskGroupEx",
-         number([U](TAZE *h, unsigned *o) { return TAZE_GetRuleIndexRiskGroupEx(h, U, 2, o); }), "0 400"},
-        {"GetRuleIndexCLEx", number([U](TAZE *h, unsigned *o) { return TAZE_GetRuleIndexCLEx(h, U, 0, o); }), "0 20"},
-        {"GetRuleIndexEnableEx", number([U](TAZE *h, unsigned *o) { return TAZE_GetRuleIndexEnableEx(h, U, 2, o); }),
+         number([&U](TAZE *h, unsigned *o) { return TAZE_GetRuleIndexRiskGroupEx(h, U, 2, o); }), "0 400"},
+        {"GetRuleIndexCLEx", number([&U](TAZE *h, unsigned *o) { return TAZE_GetRuleIndexCLEx(h, U, 0, o); }), "0 20"},
+        {"GetRuleIndexEnableEx", number([&U](TAZE *h, unsigned *o) { return TAZE_GetRuleIndexEnableEx(h, U, 2, o); }),
          "0 1"},
-        {"GetRuleIndexRuleIDEx", number([U](TAZE *h, unsigned *o) { return TAZE_GetRuleIndexRuleIDEx(h, U, 1, o); }),
+        {"GetRuleIndexRuleIDEx", number([&U](TAZE *h, unsigned *o) { return TAZE_GetRuleIndexRuleIDEx(h, U, 1, o); }),
          "0 3"},
-        {"GetRuleIdRiskEx", text([U](TAZE *h, char **o) { return TAZE_GetRuleIdRiskEx(h, U, 2, o); }),
+        {"GetRuleIdRiskEx", text([&U](TAZE *h, char **o) { return TAZE_GetRuleIdRiskEx(h, U, 2, o); }),
          "0 second-risk"},
-        {"GetRuleIdRiskEx of a main rule", text([U](TAZE *h, char **o) { return TAZE_GetRuleIdRiskEx(h, U, 1, o); }),
+        {"GetRuleIdRiskEx of a main rule", text([&U](TAZE *h, char **o) { return TAZE_GetRuleIdRiskEx(h, U, 1, o); }),
          "0 "},
-        {"GetRuleIdRiskGroupEx", number([U](TAZE *h, unsigned *o) { return TAZE_GetRuleIdRiskGroupEx(h, U, 3, o); }),
+        {"GetRuleIdRiskGroupEx", number([&U](TAZE *h, unsigned *o) { return TAZE_GetRuleIdRiskGroupEx(h, U, 3, o); }),
          "0 330"},
-        {"GetRuleIdCLEx", number([U](TAZE *h, unsigned *o) { return TAZE_GetRuleIdCLEx(h, U, 4, o); }), "0 40"},
-        {"CheckRuleIdCleanEx", check([U](TAZE *h, unsigned *o) { return TAZE_CheckRuleIdCleanEx(h, U, 2, 6, 2, o); }),
+        {"GetRuleIdCLEx", number([&U](TAZE *h, unsigned *o) { return TAZE_GetRuleIdCLEx(h, U, 4, o); }), "0 40"},
+        {"CheckRuleIdCleanEx", check([&U](TAZE *h, unsigned *o) { return TAZE_CheckRuleIdCleanEx(h, U, 2, 6, 2, o); }),
          "1 4"},
         {"GetRuleIdCleanEx",
-         clean([U](TAZE *h, unsigned *p, char **s, char **d) { return TAZE_GetRuleIdCleanEx(h, U, 2, p, s, d); }),
+         clean([&U](TAZE *h, unsigned *p, char **s, char **d) { return TAZE_GetRuleIdCleanEx(h, U, 2, p, s, d); }),
          "0 2 ss sd"},
-        {"CheckCleanInfoEx", check([U](TAZE *h, unsigned *o) { return TAZE_CheckCleanInfoEx(h, U, 6, 3, o); }),
+        {"CheckCleanInfoEx", check([&U](TAZE *h, unsigned *o) { return TAZE_CheckCleanInfoEx(h, U, 6, 3, o); }),
          "1 22"},
         {"GetCleanInfoEx",
-         clean([U](TAZE *h, unsigned *p, char **s, char **d) { return TAZE_GetCleanInfoEx(h, U, 6, p, s, d); }),
+         clean([&U](TAZE *h, unsigned *p, char **s, char **d) { return TAZE_GetCleanInfoEx(h, U, 6, p, s, d); }),
          "0 2 second-src second-dst"},
         {"GetProtocolIdGroupIDEx",
-         number([U](TAZE *h, unsigned *o) { return TAZE_GetProtocolIdGroupIDEx(h, U, 17, o); }), "0 700"},
+         number([&U](TAZE *h, unsigned *o) { return TAZE_GetProtocolIdGroupIDEx(h, U, 17, o); }), "0 700"},
         {"GetKnownRiskInfoEx",
-         risk([U](TAZE *h, unsigned *p, unsigned *s) { return TAZE_GetKnownRiskInfoEx(h, U, 3, 6, p, s); }),
+         risk([&U](TAZE *h, unsigned *p, unsigned *s) { return TAZE_GetKnownRiskInfoEx(h, U, 3, 6, p, s); }),
          "0 50/5"},
         {"GetPotentialRiskInfoEx",
-         risk([U](TAZE *h, unsigned *p, unsigned *s) { return TAZE_GetPotentialRiskInfoEx(h, U, 2, 2, 6, p, s); }),
+         risk([&U](TAZE *h, unsigned *p, unsigned *s) { return TAZE_GetPotentialRiskInfoEx(h, U, 2, 2, 6, p, s); }),
          "0 60/6"},
-        {"GetThreatTypeEx", number([U](TAZE *h, unsigned *o) { return TAZE_GetThreatTypeEx(h, U, 2, o); }),
+        {"GetThreatTypeEx", number([&U](TAZE *h, unsigned *o) { return TAZE_GetThreatTypeEx(h, U, 2, o); }),
          "0 " + std::to_string(TT_ZUL)},
     };
     for (const Row &r : rows) {
         SCOPED_TRACE(r.name);
         EXPECT_EQ(r.call(both.get()), r.answer);
         EXPECT_EQ(r.call(main_only.get()), std::to_string(PARA_ERR));
+        for (unsigned other : {2u, 0xFFFFFFFFu}) { /* kinds that do not exist */
+            U = other;
+            EXPECT_EQ(r.call(both.get()), std::to_string(PARA_ERR)) << other;
+        }
+        U = PT_ULM;
     }
 }
 

@@ -36,10 +36,4 @@ static_assert(sizeof(taz_pattern_hdr_st) == 12);
 static_assert(std::is_standard_layout_v<taz_pattern_st>);
 static_assert(std::is_standard_layout_v<TAZE>);
 
-TEST(Layout, DebugMaskConstants)
-{
-    EXPECT_EQ(VKDEBUG_MASK, 0xE0000000u);
-    EXPECT_EQ(MAGIC_TAZ, 0x5A454154);
-}
-
 } // namespace

@@ -451,12 +451,4 @@ TEST(Reader, PeekVersion)
     EXPECT_EQ(peekTAZPatternVer(cases[0].path.c_str(), nullptr), -1);
 }
 
-/* The byte-order helpers read both orders. */
-TEST(ByteOrder, Helpers)
-{
-    const unsigned char b[6] = {0x12, 0x30, 0x00, 0x4D, 0xEF, 0xBE};
-    EXPECT_EQ(std::make_tuple(bigEndianToU32(b), littleEndianToU32(b), bigEndianToU16(b + 4)),
-              std::make_tuple(kVer, 0x4D003012u, UINT16(0xEFBE)));
-}
-
 } // namespace

@@ -150,20 +150,6 @@ TEST(Writer, FileNamesAndFiles)
     EXPECT_FALSE(tazw::write_file(dir + "/missing/f.ptn", data));
 }
 
-TEST(Writer, OrderOfEachSearchedKind)
-{
-    const std::pair<std::uint32_t, Order> sections[] = {
-        {MAGIC_TAZE_PATTERN_STR, Order::Fold},           {MAGIC_TAZE_PATTERN_STR_PREFIX, Order::Fold},
-        {MAGIC_TAZE_PATTERN_STR_SUFFIX, Order::FoldReversed}, {MAGIC_TAZE_PATTERN_STR_SUBSTR, Order::Any},
-        {MAGIC_TAZE_PATTERN_STR_CASE, Order::Bytewise},  {MAGIC_TAZE_PATTERN_STR_PREFIX_CASE, Order::Bytewise},
-        {MAGIC_TAZE_PATTERN_STR_SUFFIX_CASE, Order::BytewiseReversed},
-        {MAGIC_TAZE_PATTERN_STR_SUBSTR_CASE, Order::Any}, {MAGIC_TAZE_PATTERN_IP, Order::Any},
-    };
-    for (const auto &[magic, order] : sections) EXPECT_EQ(tazw::order_for_list_section(magic), order) << magic;
-    const Order rules[] = {Order::Fold, Order::Fold, Order::FoldReversed, Order::Any, Order::Any};
-    for (unsigned r = 0; r < 5; ++r) EXPECT_EQ(tazw::order_for_rule(r), rules[r]) << r;
-}
-
 TEST(Writer, PairOrders)
 {
     using namespace std::string_literals;

@@ -393,20 +393,14 @@ Payload walk_payload(const taz_pattern_st &image)
             return out;
         }
         if (family_of(s.hdr.magic) || info_section(s.hdr.magic)) {
-            /* The list walk of the loaders: each list is found through the
-             * size field of the one before it. */
-            taze::LeCursor c(image.ptn_buf + i, s.hdr.size);
+            /* The loaders' list walk: each list is found through the size
+             * field of the one before it. */
             const std::uint32_t lists = single_list_section(s.hdr.magic) ? 1 : s.hdr.count;
-            for (std::uint32_t k = 0; k < lists; ++k) {
-                ListHeader l;
-                l.offset = i + c.pos();
-                if (!c.list_header(l.number, l.size, l.count) || !c.within(c.pos() + l.size)) {
-                    s.lists_complete = false;
-                    break;
-                }
-                c.skip(l.size);
-                s.lists.push_back(l);
-            }
+            s.lists_complete = taze::walk_list_headers(image.ptn_buf + i, s.hdr.size, lists,
+                [&](std::uint32_t number, std::uint32_t size, std::uint32_t count, taze::LeCursor &c) {
+                    s.lists.push_back(ListHeader{i + c.pos() - taze::kListHeaderBytes, number, size, count});
+                    return true;
+                });
         }
         i += s.hdr.size;
         out.sections.push_back(std::move(s));

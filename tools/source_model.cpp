@@ -564,7 +564,7 @@ std::uint32_t named_number(const Json &j, const std::string &path,
 }
 
 constexpr std::pair<const char *, std::uint32_t> kDirections[] = {
-    {"any", kDirAny}, {"inbound", kDirInbound}, {"outbound", kDirOutbound}};
+    {"any", TAZ_DIR_ANY}, {"inbound", TAZ_DIR_INBOUND}, {"outbound", TAZ_DIR_OUTBOUND}};
 constexpr std::pair<const char *, std::uint32_t> kThreatTypes[] = {
     {"file_pattern", 0}, {"malicious_behavior", 1}, {"suspicious_behavior", 2}, {"exploit", 3},
     {"grayware", 4},     {"qim", 5},                {"zul", 6},                 {"hidden", 99}};
@@ -599,7 +599,7 @@ tazw::CleanInfo parse_clean(const Json &j, const std::string &path)
     C c;
     std::tie(c.port_l, c.port_h) = read_protocol_range(f.req("protocol"), f.at("protocol"));
     c.target = get_u32(f.req("target"), f.at("target"));
-    c.direction = kDirAny;
+    c.direction = TAZ_DIR_ANY;
     opt_field(f, "direction", c.direction, read_direction);
     opt_members(f, c, {{"src", &C::src_ptn}, {"dst", &C::dst_ptn}}, {{"priority", &C::priority}});
     f.done();
@@ -715,7 +715,7 @@ tazw::KnownRisk parse_known_risk(const Json &j, const std::string &path)
 {
     Fields f(j, path, {"direction", "severity", "policy", "protocols"});
     tazw::KnownRisk r;
-    r.direction = kDirAny;
+    r.direction = TAZ_DIR_ANY;
     opt_field(f, "direction", r.direction, read_direction);
     r.severity = get_u32(f.req("severity"), f.at("severity"));
     r.policy_id = get_u32(f.req("policy"), f.at("policy"));
@@ -729,8 +729,8 @@ std::vector<tazw::RiskInfo> parse_defaults(const Json &j, const std::string &pat
 {
     Fields f(j, path, {"inbound", "outbound"});
     std::vector<tazw::RiskInfo> out;
-    for (const auto &[name, dir] : {std::pair<const char *, std::uint32_t>{"inbound", kDirInbound},
-                                    std::pair<const char *, std::uint32_t>{"outbound", kDirOutbound}}) {
+    for (const auto &[name, dir] : {std::pair<const char *, std::uint32_t>{"inbound", TAZ_DIR_INBOUND},
+                                    std::pair<const char *, std::uint32_t>{"outbound", TAZ_DIR_OUTBOUND}}) {
         const Json *d = f.opt(name);
         if (!d) continue;
         Fields r(*d, f.at(name), {"severity", "policy"});

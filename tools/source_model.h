@@ -72,9 +72,6 @@ constexpr std::uint32_t kMaxListNumber = 65535;
 
 /* ---- one kind and the whole source -------------------------------------------- */
 
-/* Directions of clean and risk entries. */
-constexpr std::uint32_t kDirAny = 1, kDirInbound = 2, kDirOutbound = 3;
-
 /* One rule pattern kind: the main kind, or the second kind with its name. */
 struct Kind {
     std::optional<std::uint32_t> compiler_version;

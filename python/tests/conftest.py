@@ -17,13 +17,13 @@ TAZC = BUILD / "tools" / "tazc"
 TAZE = BUILD / "tools" / "taze"
 
 
-def tazc(source, out):
+def tazc(source, out, *options):
     """Compiles a source (a dict or a path) into the pattern file out."""
     if isinstance(source, dict):
         path = pathlib.Path(str(out) + ".json")
         path.write_text(json.dumps(source))
         source = path
-    subprocess.run([str(TAZC), "-o", str(out), str(source)], check=True, capture_output=True)
+    subprocess.run([str(TAZC), *options, "-o", str(out), str(source)], check=True, capture_output=True)
     return out
 
 
@@ -46,7 +46,8 @@ def _lines(path):
 
 @pytest.fixture(scope="session")
 def real_source():
-    """Real lists from Debian packages: dictionary words (exact), public
+    """The lists that examples/real-data/pattern.json imports from Debian
+    packages, read here only to pick keys: dictionary words (exact), public
     suffix rules (suffix), one country's IPv4 and IPv6 ranges of the Tor
     GeoIP tables (ip, ipv6)."""
     files = {"words": "/usr/share/dict/words", "psl": "/usr/share/publicsuffix/public_suffix_list.dat",
@@ -54,21 +55,15 @@ def real_source():
     missing = [p for p in files.values() if not os.path.exists(p)]
     if missing:
         pytest.skip(f"real lists not installed: {missing}")
-    seen, words = set(), []
-    for w in _lines(files["words"]):
-        if w.lower() not in seen:
-            seen.add(w.lower())
-            words.append(w)
     rules = sorted({"." + r for r in _lines(files["psl"]) if not r.startswith(("*", "!"))})
     ip = [f"{ipaddress.IPv4Address(int(lo))}-{ipaddress.IPv4Address(int(hi))}"
           for lo, hi, cc in (line.split(",") for line in _lines(files["geoip"])) if cc == "DE"]
     ip6 = [f"{lo}-{hi}" for lo, hi, cc in (line.split(",") for line in _lines(files["geoip6"])) if cc == "DE"]
-    return {"words": words, "rules": rules, "ip": ip, "ip6": ip6,
-            "source": {"pattern_version": {"product": 1, "build": 1, "version": 1},
-                       "lists": {"exact": {"0": words}, "suffix": {"0": rules},
-                                 "ip": {"0": ip}, "ipv6": {"0": ip6}}}}
+    return {"words": _lines(files["words"]), "rules": rules, "ip": ip, "ip6": ip6}
 
 
 @pytest.fixture(scope="session")
 def real_ptn(real_source, tmp_path_factory):
-    return tazc(real_source["source"], tmp_path_factory.mktemp("real") / "real.ptn")
+    """The real-data example, built as its README says."""
+    return tazc(ROOT / "examples" / "real-data" / "pattern.json", tmp_path_factory.mktemp("real") / "real.ptn",
+                "--dedupe", "--allow-covered-keys")
