@@ -10,11 +10,11 @@ export ASAN_OPTIONS=detect_leaks=1:abort_on_error=1
 export UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1
 
 echo "== Release build"
-scripts/build.sh build/release -DCMAKE_BUILD_TYPE=Release
+scripts/build.sh build/release -DCMAKE_BUILD_TYPE=Release -DTAZE_BUILD_TESTS=ON
 (cd build/release && ctest --output-on-failure -j 2)
 
 echo "== Debug build with AddressSanitizer and UndefinedBehaviorSanitizer"
-scripts/build.sh build/asan -DCMAKE_BUILD_TYPE=Debug -DTAZE_SANITIZE=ON
+scripts/build.sh build/asan -DCMAKE_BUILD_TYPE=Debug -DTAZE_SANITIZE=ON -DTAZE_BUILD_TESTS=ON
 (cd build/asan && ctest --output-on-failure -j 2)
 
 echo "== Python module: pytest on the Release tree's module and tools"
