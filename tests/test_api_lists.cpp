@@ -48,10 +48,8 @@ Bytes main_lists()
 Bytes second_lists()
 {
     return tazw::concat({
-        string_section(kind::STR, {{0, {"second"}}}),
-        string_section(kind::CASE, {{0, {"Second"}}}),
-        string_section(kind::PRCA, {{0, {"Ab"}}}),
-        string_section(kind::SFCA, {{0, {"b"}}}),
+        string_section(kind::STR, {{0, {"second"}}}), string_section(kind::CASE, {{0, {"Second"}}}),
+        string_section(kind::PRCA, {{0, {"Ab"}}}), string_section(kind::SFCA, {{0, {"b"}}}),
         string_section(kind::SUCA, {{0, {"b"}}}),
     });
 }
@@ -74,69 +72,52 @@ TEST(ApiLists, StringListKinds)
                     cs_exact = TAZE_PatternSearchCaseList, cs_prefix = TAZE_PatternSearchPrefixCaseList,
                     cs_suffix = TAZE_PatternSearchSuffixCaseList, cs_substr = TAZE_PatternSearchSubstringCaseList;
     const StrCase cases[] = {
-        {"exact folds ASCII", exact, 0, "EXAMPLE.COM", 1},
-        {"exact needs the whole entry", exact, 0, "example.co", 0},
-        {"exact longer than the entry", exact, 0, "midd", 0},
-        {"exact first entry", exact, 0, "alpha", 1},
-        {"exact last entry", exact, 0, "zulu", 1},
-        {"exact empty entry", exact, 0, "", 1},
+        {"exact folds ASCII", exact, 0, "EXAMPLE.COM", 1}, {"exact needs the whole entry", exact, 0, "example.co", 0},
+        {"exact longer than the entry", exact, 0, "midd", 0}, {"exact first entry", exact, 0, "alpha", 1},
+        {"exact last entry", exact, 0, "zulu", 1}, {"exact empty entry", exact, 0, "", 1},
         {"exact high bytes with ASCII folded", exact, 0, "\xC3\xA9T\xC3\xA9", 1},
         {"exact high bytes are not folded", exact, 0, "\xC3\x89t\xC3\xA9", 0},
-        {"exact omitted list below the highest", exact, 1, "three", 0},
-        {"exact empty list", exact, 2, "three", 0},
-        {"exact highest list", exact, 3, "THREE", 1},
-        {"exact list above the highest", exact, 4, "ghost", 0},
+        {"exact omitted list below the highest", exact, 1, "three", 0}, {"exact empty list", exact, 2, "three", 0},
+        {"exact highest list", exact, 3, "THREE", 1}, {"exact list above the highest", exact, 4, "ghost", 0},
 
         {"prefix entry shorter than the key", prefix, 0, "ABC", 1},
         {"prefix entry longer than the key", prefix, 0, "a", 0},
         {"prefix key equal to the entry", prefix, 0, "FTP", 1},
         {"prefix folded entry", prefix, 0, "www.example.com", 1},
         {"prefix with punctuation", prefix, 0, "HTTP://x", 1},
-        {"prefix empty key", prefix, 0, "", 0},
-        {"prefix no entry", prefix, 0, "gopher", 0},
+        {"prefix empty key", prefix, 0, "", 0}, {"prefix no entry", prefix, 0, "gopher", 0},
         {"prefix halving meets the longer entry", prefix, 1, "abcd", 1},
         {"prefix halving steps over a shorter entry", prefix, 1, "abd", 0},
         {"prefix halving steps over it again", prefix, 1, "az", 0},
-        {"prefix halving reaches the shorter entry", prefix, 1, "a", 1},
-        {"prefix last entry", prefix, 1, "bz", 1},
+        {"prefix halving reaches the shorter entry", prefix, 1, "a", 1}, {"prefix last entry", prefix, 1, "bz", 1},
 
         {"suffix folded tail", suffix, 0, "Old.BACKUP.log", 1},
         {"suffix key is a proper suffix of the entry", suffix, 0, "backup.log", 0},
-        {"suffix second entry", suffix, 0, "a.Example.ORG", 1},
-        {"suffix short entry", suffix, 0, "telecom", 1},
-        {"suffix key equal to the entry", suffix, 0, "x.io", 1},
-        {"suffix part of an entry", suffix, 0, "io", 0},
-        {"suffix last entry", suffix, 0, "internet", 1},
-        {"suffix empty key", suffix, 0, "", 0},
+        {"suffix second entry", suffix, 0, "a.Example.ORG", 1}, {"suffix short entry", suffix, 0, "telecom", 1},
+        {"suffix key equal to the entry", suffix, 0, "x.io", 1}, {"suffix part of an entry", suffix, 0, "io", 0},
+        {"suffix last entry", suffix, 0, "internet", 1}, {"suffix empty key", suffix, 0, "", 0},
         {"suffix halving meets the longer entry", suffix, 1, "xab", 1},
         {"suffix halving steps over a shorter entry", suffix, 1, "cb", 0},
         {"suffix halving reaches the shorter entry", suffix, 1, "b", 1},
         {"suffix halving reaches the last entry", suffix, 1, "zzb", 1},
 
-        {"substring folded", substr, 0, "thisISEVILstuff", 1},
-        {"substring second entry", substr, 0, "xbAdx", 1},
-        {"substring key shorter than the entries", substr, 0, "ba", 0},
-        {"substring empty key", substr, 0, "", 0},
+        {"substring folded", substr, 0, "thisISEVILstuff", 1}, {"substring second entry", substr, 0, "xbAdx", 1},
+        {"substring key shorter than the entries", substr, 0, "ba", 0}, {"substring empty key", substr, 0, "", 0},
         {"substring empty entry matches nothing", substr, 0, "nothing", 0},
 
-        {"case exact", cs_exact, 0, "Alpha", 1},
-        {"case exact is not folded", cs_exact, 0, "alpha", 0},
+        {"case exact", cs_exact, 0, "Alpha", 1}, {"case exact is not folded", cs_exact, 0, "alpha", 0},
         {"case exact lower-case entry", cs_exact, 0, "beta", 1},
-        {"case exact upper-case key", cs_exact, 0, "Beta", 0},
-        {"case exact high bytes", cs_exact, 0, "\xFF\x80", 1},
-        {"case exact part of high bytes", cs_exact, 0, "\xFF", 0},
-        {"case exact capital", cs_exact, 0, "Zeta", 1},
+        {"case exact upper-case key", cs_exact, 0, "Beta", 0}, {"case exact high bytes", cs_exact, 0, "\xFF\x80", 1},
+        {"case exact part of high bytes", cs_exact, 0, "\xFF", 0}, {"case exact capital", cs_exact, 0, "Zeta", 1},
         {"case exact capital folded", cs_exact, 0, "zeta", 0},
 
-        {"case prefix", cs_prefix, 0, "Abc", 1},
-        {"case prefix is not folded", cs_prefix, 0, "abc", 0},
+        {"case prefix", cs_prefix, 0, "Abc", 1}, {"case prefix is not folded", cs_prefix, 0, "abc", 0},
         {"case prefix middle entry", cs_prefix, 0, "httpd", 1},
         {"case prefix upper-case key", cs_prefix, 0, "HTTP", 0},
         {"case prefix high bytes", cs_prefix, 0, "\xC3\xA9t\xC3\xA9", 1},
         {"case prefix other high bytes", cs_prefix, 0, "\xC3\x89", 0},
 
-        {"case suffix", cs_suffix, 0, "a.Log", 1},
-        {"case suffix is not folded", cs_suffix, 0, "a.log", 0},
+        {"case suffix", cs_suffix, 0, "a.Log", 1}, {"case suffix is not folded", cs_suffix, 0, "a.log", 0},
         {"case suffix second entry", cs_suffix, 0, "file.txt", 1},
         {"case suffix upper-case key", cs_suffix, 0, "file.TXT", 0},
         {"case suffix high byte", cs_suffix, 0, "caf\xC3\xA9", 1},
@@ -173,32 +154,17 @@ TEST(ApiLists, RangeListsIncludeBothBounds)
     };
     auto ipv6 = [](IPv6 a) { return [a](TAZE *t) { return TAZE_PatternSearchIPv6RangeList(t, 0, a.data(), PT_TAZ); }; };
     const std::vector<Case> cases = {
-        {"ip lower bound", ip(10), 1},
-        {"ip upper bound", ip(20), 1},
-        {"ip below the first range", ip(9), 0},
-        {"ip between ranges", ip(21), 0},
-        {"ip single-address range", ip(100), 1},
-        {"ip after a single-address range", ip(101), 0},
-        {"ip zero", ip(0), 0},
-        {"ip highest address", ip(0xFFFFFFFFu), 1},
-        {"ip last range lower bound", ip(0xFFFFFF00u), 1},
-        {"ip just below the last range", ip(0xFFFFFEFFu), 0},
-        {"port zero", port(0), 1},
-        {"port one", port(1), 0},
-        {"port lower bound", port(80), 1},
-        {"port upper bound", port(89), 1},
-        {"port below", port(79), 0},
-        {"port above", port(90), 0},
-        {"port highest", port(65535), 1},
-        {"port below highest", port(65534), 0},
-        {"ipv6 lower bound", ipv6(lo), 1},
-        {"ipv6 upper bound", ipv6(hi), 1},
-        {"ipv6 just below", ipv6(below_lo), 0},
-        {"ipv6 just above", ipv6(above_hi), 0},
-        {"ipv6 single address", ipv6(v6({0xfe, 0x80}, 1)), 1},
+        {"ip lower bound", ip(10), 1}, {"ip upper bound", ip(20), 1}, {"ip below the first range", ip(9), 0},
+        {"ip between ranges", ip(21), 0}, {"ip single-address range", ip(100), 1},
+        {"ip after a single-address range", ip(101), 0}, {"ip zero", ip(0), 0},
+        {"ip highest address", ip(0xFFFFFFFFu), 1}, {"ip last range lower bound", ip(0xFFFFFF00u), 1},
+        {"ip just below the last range", ip(0xFFFFFEFFu), 0}, {"port zero", port(0), 1}, {"port one", port(1), 0},
+        {"port lower bound", port(80), 1}, {"port upper bound", port(89), 1}, {"port below", port(79), 0},
+        {"port above", port(90), 0}, {"port highest", port(65535), 1}, {"port below highest", port(65534), 0},
+        {"ipv6 lower bound", ipv6(lo), 1}, {"ipv6 upper bound", ipv6(hi), 1}, {"ipv6 just below", ipv6(below_lo), 0},
+        {"ipv6 just above", ipv6(above_hi), 0}, {"ipv6 single address", ipv6(v6({0xfe, 0x80}, 1)), 1},
         {"ipv6 after the single address", ipv6(v6({0xfe, 0x80}, 2)), 0},
-        {"ipv6 before the single address", ipv6(v6({0xfe, 0x80})), 0},
-        {"ipv6 all-zero address", ipv6(IPv6{}), 0},
+        {"ipv6 before the single address", ipv6(v6({0xfe, 0x80})), 0}, {"ipv6 all-zero address", ipv6(IPv6{}), 0},
     };
     for (const Case &c : cases) {
         SCOPED_TRACE(c.name);
@@ -257,8 +223,7 @@ TEST(ApiLists, ArgumentCheckOrder)
         {"negative number", Holder::Main, -1, PT_TAZ, PARA_ERR},
         {"lowest number", Holder::Main, INT_MIN + 1, PT_TAZ, PARA_ERR},
         {"number equal to the list count", Holder::Main, kAtCount, PT_TAZ, 0},
-        {"largest number", Holder::Main, INT_MAX, PT_TAZ, 0},
-        {"a match", Holder::Main, 0, PT_TAZ, 1},
+        {"largest number", Holder::Main, INT_MAX, PT_TAZ, 0}, {"a match", Holder::Main, 0, PT_TAZ, 1},
     };
     for (const Searcher &s : searchers()) {
         for (const Case &c : cases) {
@@ -285,10 +250,8 @@ TEST(ApiLists, NullValues)
         TAZE *h;
         int idx, ptntype;
     } cases[] = {
-        {"valid list", main.get(), 0, PT_TAZ},
-        {"unknown kind", main.get(), 0, 2},
-        {"number past every list", main.get(), 5, PT_TAZ},
-        {"second kind not loaded", main.get(), 0, PT_ULM},
+        {"valid list", main.get(), 0, PT_TAZ}, {"unknown kind", main.get(), 0, 2},
+        {"number past every list", main.get(), 5, PT_TAZ}, {"second kind not loaded", main.get(), 0, PT_ULM},
         {"null handle", nullptr, 0, PT_TAZ},
     };
     for (const Case &c : cases) {
@@ -348,10 +311,8 @@ TEST(ApiLists, GetStringList)
         std::vector<std::string> strings; /* in stored order */
     } cases[] = {
         {"list 0", main.get(), 0, PT_TAZ, 0, stored_order(kind::STR, kExact)},
-        {"omitted list", main.get(), 1, PT_TAZ, 0, none},
-        {"empty list", main.get(), 2, PT_TAZ, 0, none},
-        {"highest list", main.get(), 3, PT_TAZ, 0, {"three"}},
-        {"second kind", both.get(), 0, PT_ULM, 0, {"second"}},
+        {"omitted list", main.get(), 1, PT_TAZ, 0, none}, {"empty list", main.get(), 2, PT_TAZ, 0, none},
+        {"highest list", main.get(), 3, PT_TAZ, 0, {"three"}}, {"second kind", both.get(), 0, PT_ULM, 0, {"second"}},
         {"list count", main.get(), 4, PT_TAZ, PARA_ERR, none},
         {"negative number", main.get(), -1, PT_TAZ, PARA_ERR, none},
         {"unknown kind", main.get(), 0, 2, PARA_ERR, none},

@@ -85,14 +85,12 @@ TEST(ApiLoad, LoadPatternResults)
     Bytes truncated = good_file(kVer77);
     truncated.resize(truncated.size() - 8);
     const std::vector<LoadCase> cases = {
-        {"good file", good_file(kVer77), 0},
-        {"missing file", std::nullopt, OPEN_R_ERR},
+        {"good file", good_file(kVer77), 0}, {"missing file", std::nullopt, OPEN_R_ERR},
         {"corrupt body", corrupt_file(kVer77), READ_ERR},
         {"altered digest", container(kVer77, {bad_digest}), READ_ERR},
         {"second kind only", container(kVer77, {sub(8, kTiny)}), READ_ERR},
         {"raw pattern only", container(kVer77, {sub(9, kRaw)}), READ_ERR},
-        {"not a container", Bytes(64, 'x'), READ_ERR},
-        {"truncated body", truncated, READ_ERR},
+        {"not a container", Bytes(64, 'x'), READ_ERR}, {"truncated body", truncated, READ_ERR},
         {"empty file", Bytes{}, READ_ERR},
     };
     const std::string fallback = tazt::write_temp(good_file(kVer5));
@@ -166,8 +164,7 @@ TEST(ApiLoad, DirectoryLoadTakesTheNewestGoodFile)
         {"newest corrupt falls back", {{kVer5, true}, {kVer7, false}}, 0, "1.00005.00"},
         {"two newest corrupt", {{kVer5, true}, {kVer7, false}, {kVer9, false}}, 0, "1.00005.00"},
         {"all corrupt", {{kVer5, false}, {kVer7, false}}, READ_ERR, "none"},
-        {"other prefix only", {{kVer5, true, "b"}}, ACCESS_ERR, "none"},
-        {"empty directory", {}, ACCESS_ERR, "none"},
+        {"other prefix only", {{kVer5, true, "b"}}, ACCESS_ERR, "none"}, {"empty directory", {}, ACCESS_ERR, "none"},
     };
     for (const DirCase &c : cases) {
         SCOPED_TRACE(c.name);
@@ -254,9 +251,7 @@ struct VersionCase {
 TEST(ApiLoad, VersionTexts)
 {
     const std::vector<VersionCase> cases = {
-        {kVer77, 10, PARA_ERR, ""},
-        {kVer77, 11, 0, "1.00077.35"},
-        {0, 11, 0, "0.00000.00"},
+        {kVer77, 10, PARA_ERR, ""}, {kVer77, 11, 0, "1.00077.35"}, {0, 11, 0, "0.00000.00"},
         {make_ver(2, 7, 123456), 16, 0, "2.123456.07"},
         {make_ver(15, 255, 0xFFFFF), 11, 0, "15.1048575"}, /* cut to size - 1 */
         {make_ver(15, 255, 0xFFFFF), 32, 0, "15.1048575.255"},

@@ -214,48 +214,33 @@ TEST(ApiMaps, StringToIntegers)
         {
             X::search(MT_STRING, "ALPHA", 2, 1),
             X::search(MT_STRING, "alpha", 3, 0), /* key found, value not: 0 */
-            X::search(MT_STRING, "alph", 1, -1),
-            X::search(MT_STRING, "gamma", 0, 0),
+            X::search(MT_STRING, "alph", 1, -1), X::search(MT_STRING, "gamma", 0, 0),
             X::search(MT_STRING, nullptr, 1, 0),
             X::search(MT_PREFIX, "HTTP://x", 80, 1),
             X::search(MT_PREFIX, "http://x", 81, 0),
-            X::search(MT_PREFIX, "gopher", 80, -1),
-            X::search(MT_SUFFIX, "www.EXAMPLE.com", 7, 1),
-            X::search(MT_SUFFIX, "x.org", 8, 1),
-            X::search(MT_SUFFIX, "example.com", 7, -1),
+            X::search(MT_PREFIX, "gopher", 80, -1), X::search(MT_SUFFIX, "www.EXAMPLE.com", 7, 1),
+            X::search(MT_SUFFIX, "x.org", 8, 1), X::search(MT_SUFFIX, "example.com", 7, -1),
             X::search(MT_SUBSTR, "email", 1, 1),
             X::search(MT_SUBSTR, "email", 2, 0), /* "mail" is met before "ail" */
-            X::search(MT_SUBSTR, "tail", 2, 1),
-            X::search(MT_SUBSTR, "xyz", 1, -1),
+            X::search(MT_SUBSTR, "tail", 2, 1), X::search(MT_SUBSTR, "xyz", 1, -1),
             X::search(MT_STRING_PREFIX, "alpha", 1, -1), /* exact lists selected, type refused */
-            X::search(MT_SUFFIX_STRING, "alpha", 1, -1),
-            X::search(MT_STRING, "alpha", 1, PARA_ERR, 1),
+            X::search(MT_SUFFIX_STRING, "alpha", 1, -1), X::search(MT_STRING, "alpha", 1, PARA_ERR, 1),
             X::search(MT_STRING, "alpha", 1, PARA_ERR, -1),
 
-            X::by_key(MT_STRING, "BETA", 0, "Beta=3"),
-            X::by_key(MT_STRING, "gamma", 0, "gamma="),
+            X::by_key(MT_STRING, "BETA", 0, "Beta=3"), X::by_key(MT_STRING, "gamma", 0, "gamma="),
             X::by_key(MT_PREFIX, "ftp://a", 0, "ftp=21"),
-            X::by_key(MT_SUFFIX, "a.b.ORG", 0, ".org=8"),
-            X::by_key(MT_SUBSTR, "email", 0, "mail=1"),
-            X::by_key(MT_STRING, "nope", -1, "{}"),
-            X::by_key(MT_STRING, nullptr, -1, "{}"),
-            X::by_key(MT_STRING_PREFIX, "alpha", -1, "{}"),
-            X::by_key(MT_STRING, "alpha", PARA_ERR, nullptr, 1),
+            X::by_key(MT_SUFFIX, "a.b.ORG", 0, ".org=8"), X::by_key(MT_SUBSTR, "email", 0, "mail=1"),
+            X::by_key(MT_STRING, "nope", -1, "{}"), X::by_key(MT_STRING, nullptr, -1, "{}"),
+            X::by_key(MT_STRING_PREFIX, "alpha", -1, "{}"), X::by_key(MT_STRING, "alpha", PARA_ERR, nullptr, 1),
 
-            X::count(MT_STRING, 3),
-            X::count(MT_PREFIX, 2),
-            X::count(MT_SUBSTR, 2),
-            X::count(MT_STRING, PARA_ERR, 1),
+            X::count(MT_STRING, 3), X::count(MT_PREFIX, 2), X::count(MT_SUBSTR, 2), X::count(MT_STRING, PARA_ERR, 1),
             X::count(MT_STRING, PARA_ERR, -1),
 
-            X::by_index(MT_STRING, 0, 0, "alpha=1,2"),
-            X::by_index(MT_STRING, 1, 0, "Beta=3"),
-            X::by_index(MT_STRING, 2, 0, "gamma="),
-            X::by_index(MT_STRING, 3, -1, "{}"),
+            X::by_index(MT_STRING, 0, 0, "alpha=1,2"), X::by_index(MT_STRING, 1, 0, "Beta=3"),
+            X::by_index(MT_STRING, 2, 0, "gamma="), X::by_index(MT_STRING, 3, -1, "{}"),
             X::by_index(MT_STRING, -1, -1, "{}"),
             X::by_index(MT_SUFFIX, 0, 0, ".org=8"), /* ordered by the reversed text */
-            X::by_index(MT_SUBSTR, 1, 0, "ail=2"),
-            X::by_index(MT_STRING, 0, PARA_ERR, nullptr, 1),
+            X::by_index(MT_SUBSTR, 1, 0, "ail=2"), X::by_index(MT_STRING, 0, PARA_ERR, nullptr, 1),
         });
 }
 
@@ -264,10 +249,7 @@ Bytes str_ipv6_maps()
 {
     using E = tazw::StrIPv6Entry;
     const std::vector<E> by_type[4] = {
-        {{"beta", {}}, {"alpha", {kA, kB}}},
-        {{"http", {kC}}},
-        {{".com", {kA}}},
-        {{"mail", {kA}}, {"ail", {kB}}},
+        {{"beta", {}}, {"alpha", {kA, kB}}}, {{"http", {kC}}}, {{".com", {kA}}}, {{"mail", {kA}}, {"ail", {kB}}},
     };
     return one_list_per_type(Family::StrIPv6, by_type);
 }
@@ -278,37 +260,25 @@ TEST(ApiMaps, StringToAddresses)
     using X = Rows<const char *, const unsigned char *>;
     run(h.get(), PT_TAZ, kSI6,
         {
-            X::search(MT_STRING, "ALPHA", B, 1),
-            X::search(MT_STRING, "alpha", D, 0),
+            X::search(MT_STRING, "ALPHA", B, 1), X::search(MT_STRING, "alpha", D, 0),
             X::search(MT_STRING, "alpha", nullptr, 0),
             X::search(MT_STRING, "nope", nullptr, 0), /* the value is checked before the key */
-            X::search(MT_STRING, "nope", A, -1),
-            X::search(MT_PREFIX, "HTTPS", C, 1),
-            X::search(MT_SUFFIX, "x.COM", A, 1),
-            X::search(MT_SUBSTR, "email", B, 0),
-            X::search(MT_SUBSTR, "tail", B, 1),
-            X::search(MT_STRING_PREFIX, "alpha", A, -1),
+            X::search(MT_STRING, "nope", A, -1), X::search(MT_PREFIX, "HTTPS", C, 1),
+            X::search(MT_SUFFIX, "x.COM", A, 1), X::search(MT_SUBSTR, "email", B, 0),
+            X::search(MT_SUBSTR, "tail", B, 1), X::search(MT_STRING_PREFIX, "alpha", A, -1),
             X::search(MT_STRING, "alpha", A, PARA_ERR, 1),
 
             /* By key never searches: always -1 and a cleared result. */
-            X::by_key(MT_STRING, "alpha", -1, "{}"),
-            X::by_key(MT_PREFIX, "http", -1, "{}"),
-            X::by_key(MT_STRING, "alpha", -1, "{}", 5),
-            X::by_key(MT_STRING, "alpha", -1, "{}", -1),
+            X::by_key(MT_STRING, "alpha", -1, "{}"), X::by_key(MT_PREFIX, "http", -1, "{}"),
+            X::by_key(MT_STRING, "alpha", -1, "{}", 5), X::by_key(MT_STRING, "alpha", -1, "{}", -1),
             X::by_key(99, nullptr, -1, "{}"),
 
-            X::count(MT_STRING, 2),
-            X::count(MT_PREFIX, 1),
-            X::count(MT_SUFFIX, 1),
-            X::count(MT_SUBSTR, 2),
+            X::count(MT_STRING, 2), X::count(MT_PREFIX, 1), X::count(MT_SUFFIX, 1), X::count(MT_SUBSTR, 2),
             X::count(MT_STRING, PARA_ERR, 1),
 
-            X::by_index(MT_STRING, 0, 0, "alpha=A,B"),
-            X::by_index(MT_STRING, 1, 0, "beta="),
-            X::by_index(MT_PREFIX, 0, 0, "http=C"),
-            X::by_index(MT_SUBSTR, 0, 0, "mail=A"),
-            X::by_index(MT_STRING, 2, -1, "{}"),
-            X::by_index(MT_STRING, -1, -1, "{}"),
+            X::by_index(MT_STRING, 0, 0, "alpha=A,B"), X::by_index(MT_STRING, 1, 0, "beta="),
+            X::by_index(MT_PREFIX, 0, 0, "http=C"), X::by_index(MT_SUBSTR, 0, 0, "mail=A"),
+            X::by_index(MT_STRING, 2, -1, "{}"), X::by_index(MT_STRING, -1, -1, "{}"),
         });
     /* The handle is still checked first. */
     TAZE_StringIPv6Map r = garbage<TAZE_StringIPv6Map>();
@@ -331,24 +301,14 @@ TEST(ApiMaps, AddressToIntegers)
     using X = Rows<const unsigned char *, unsigned int>;
     run(h.get(), PT_TAZ, kI6I,
         {
-            X::search(0, A, 20, 1),
-            X::search(0, A, 30, 0),
-            X::search(0, D, 10, -1),
-            X::search(0, nullptr, 10, 0),
+            X::search(0, A, 20, 1), X::search(0, A, 30, 0), X::search(0, D, 10, -1), X::search(0, nullptr, 10, 0),
             X::search(0, A, 10, PARA_ERR, 1),
-            X::by_key(0, C, 0, "C=40"),
-            X::by_key(0, B, 0, "B=30"),
-            X::by_key(0, D, -1, "{}"),
+            X::by_key(0, C, 0, "C=40"), X::by_key(0, B, 0, "B=30"), X::by_key(0, D, -1, "{}"),
             X::by_key(0, nullptr, -1, "{}"),
-            X::count(0, 3),
-            X::count(0, PARA_ERR, 1),
-            X::count(0, PARA_ERR, -1),
+            X::count(0, 3), X::count(0, PARA_ERR, 1), X::count(0, PARA_ERR, -1),
             /* Stored in address order, the first byte most significant. */
-            X::by_index(0, 0, 0, "C=40"),
-            X::by_index(0, 1, 0, "A=10,20"),
-            X::by_index(0, 2, 0, "B=30"),
-            X::by_index(0, 3, -1, "{}"),
-            X::by_index(0, -1, -1, "{}"),
+            X::by_index(0, 0, 0, "C=40"), X::by_index(0, 1, 0, "A=10,20"), X::by_index(0, 2, 0, "B=30"),
+            X::by_index(0, 3, -1, "{}"), X::by_index(0, -1, -1, "{}"),
         });
 }
 
@@ -358,28 +318,14 @@ TEST(ApiMaps, IntegerToIntegers)
     using X = Rows<unsigned int, unsigned int>;
     run(h.get(), PT_TAZ, kII,
         {
-            X::search(0, 1, 6, 1),
-            X::search(0, 1, 7, 0),
-            X::search(0, 2, 5, -1),
-            X::search(0, 0x7FFFFFFFu, 9, 1),
-            X::search(0, 0, 4, 1),
-            X::search(0, 3, 0, 0),
-            X::search(0, 1, 5, PARA_ERR, 1),
+            X::search(0, 1, 6, 1), X::search(0, 1, 7, 0), X::search(0, 2, 5, -1), X::search(0, 0x7FFFFFFFu, 9, 1),
+            X::search(0, 0, 4, 1), X::search(0, 3, 0, 0), X::search(0, 1, 5, PARA_ERR, 1),
             /* The map type is ignored. */
-            X::by_key(MT_SUBSTR, 7, 0, "7=8"),
-            X::by_key(12345, 1, 0, "1=5,6"),
-            X::by_key(0, 2, -1, "{}"),
+            X::by_key(MT_SUBSTR, 7, 0, "7=8"), X::by_key(12345, 1, 0, "1=5,6"), X::by_key(0, 2, -1, "{}"),
             X::by_key(0, 7, PARA_ERR, nullptr, 1),
-            X::count(0, 5),
-            X::count(MT_SUFFIX, 5),
-            X::count(-1, 5),
-            X::count(0, PARA_ERR, 1),
-            X::by_index(0, 0, 0, "0=4"),
-            X::by_index(0, 1, 0, "1=5,6"),
-            X::by_index(MT_PREFIX, 2, 0, "3="),
-            X::by_index(0, 4, 0, "2147483647=9"),
-            X::by_index(0, 5, -1, "{}"),
-            X::by_index(0, -1, -1, "{}"),
+            X::count(0, 5), X::count(MT_SUFFIX, 5), X::count(-1, 5), X::count(0, PARA_ERR, 1),
+            X::by_index(0, 0, 0, "0=4"), X::by_index(0, 1, 0, "1=5,6"), X::by_index(MT_PREFIX, 2, 0, "3="),
+            X::by_index(0, 4, 0, "2147483647=9"), X::by_index(0, 5, -1, "{}"), X::by_index(0, -1, -1, "{}"),
         });
 }
 
@@ -390,8 +336,7 @@ Bytes int_str_maps()
     const std::vector<E> by_type[4] = {
         {{5, {"beta", "Alpha"}}, {1, {"x"}}, {9, {}}},
         {{5, {"http://", "ftp"}}},
-        {{5, {".exe", ".com"}}},
-        {{5, {"mal", "evil"}}},
+        {{5, {".exe", ".com"}}}, {{5, {"mal", "evil"}}},
     };
     return one_list_per_type(Family::IntStr, by_type);
 }
@@ -402,38 +347,25 @@ TEST(ApiMaps, IntegerToStrings)
     using X = Rows<unsigned int, const char *>;
     run(h.get(), PT_TAZ, kIS,
         {
-            X::search(MT_STRING, 5, "ALPHA", 1),
-            X::search(MT_STRING, 5, "beta", 1),
+            X::search(MT_STRING, 5, "ALPHA", 1), X::search(MT_STRING, 5, "beta", 1),
             X::search(MT_STRING, 5, "gamma", -1), /* a string value not found: -1 */
-            X::search(MT_STRING, 9, "x", -1),
-            X::search(MT_STRING, 2, "x", -1),
+            X::search(MT_STRING, 9, "x", -1), X::search(MT_STRING, 2, "x", -1),
             X::search(MT_PREFIX, 5, "HTTP://a", 1),
-            X::search(MT_PREFIX, 5, "ftp.example", 1),
-            X::search(MT_PREFIX, 5, "gopher", -1),
-            X::search(MT_SUFFIX, 5, "setup.EXE", 1),
-            X::search(MT_SUFFIX, 5, "exe", -1),
-            X::search(MT_SUBSTR, 5, "xxEVILxx", 1),
-            X::search(MT_SUBSTR, 5, "ma", -1),
+            X::search(MT_PREFIX, 5, "ftp.example", 1), X::search(MT_PREFIX, 5, "gopher", -1),
+            X::search(MT_SUFFIX, 5, "setup.EXE", 1), X::search(MT_SUFFIX, 5, "exe", -1),
+            X::search(MT_SUBSTR, 5, "xxEVILxx", 1), X::search(MT_SUBSTR, 5, "ma", -1),
             X::search(MT_STRING_PREFIX, 5, "Alpha", -1), /* exact lists selected, type refused */
-            X::search(MT_PREFIX_SUFFIX, 5, "Alpha", -1),
-            X::search(MT_STRING, 5, "Alpha", PARA_ERR, 1),
+            X::search(MT_PREFIX_SUFFIX, 5, "Alpha", -1), X::search(MT_STRING, 5, "Alpha", PARA_ERR, 1),
 
-            X::by_key(MT_STRING, 5, 0, "5=Alpha,beta"),
-            X::by_key(MT_STRING, 9, 0, "9="),
+            X::by_key(MT_STRING, 5, 0, "5=Alpha,beta"), X::by_key(MT_STRING, 9, 0, "9="),
             X::by_key(MT_PREFIX, 5, 0, "5=ftp,http://"),
-            X::by_key(MT_SUFFIX, 5, 0, "5=.exe,.com"),
-            X::by_key(MT_SUBSTR, 5, 0, "5=mal,evil"),
-            X::by_key(MT_STRING, 2, -1, "{}"),
-            X::by_key(MT_STRING, 5, PARA_ERR, nullptr, -1),
+            X::by_key(MT_SUFFIX, 5, 0, "5=.exe,.com"), X::by_key(MT_SUBSTR, 5, 0, "5=mal,evil"),
+            X::by_key(MT_STRING, 2, -1, "{}"), X::by_key(MT_STRING, 5, PARA_ERR, nullptr, -1),
 
-            X::count(MT_STRING, 3),
-            X::count(MT_SUFFIX, 1),
-            X::count(MT_STRING, PARA_ERR, 1),
+            X::count(MT_STRING, 3), X::count(MT_SUFFIX, 1), X::count(MT_STRING, PARA_ERR, 1),
 
-            X::by_index(MT_STRING, 0, 0, "1=x"),
-            X::by_index(MT_STRING, 1, 0, "5=Alpha,beta"),
-            X::by_index(MT_STRING, 3, -1, "{}"),
-            X::by_index(MT_SUBSTR, 1, -1, "{}"),
+            X::by_index(MT_STRING, 0, 0, "1=x"), X::by_index(MT_STRING, 1, 0, "5=Alpha,beta"),
+            X::by_index(MT_STRING, 3, -1, "{}"), X::by_index(MT_SUBSTR, 1, -1, "{}"),
         });
 }
 
@@ -556,8 +488,7 @@ TEST(ApiMaps, MapTypeSelectsTheListArray)
         {MT_SUFFIX_PREFIX, 1, 10},  {MT_SUFFIX, 3, 11},         {MT_SUFFIX_SUBSTR, 1, 12},
         {MT_SUBSTR_STRING, 1, 13},  {MT_SUBSTR_PREFIX, 1, 14},  {MT_SUBSTR_SUFFIX, 1, 15},
         {MT_SUBSTR, 4, 16},         {4, 1, 1},                  {260, 1, 1},
-        {772, 1, 1},                {-1, 1, 1},                 {0x10101, 1, 1},
-        {-257, 1, 1},
+        {772, 1, 1},                {-1, 1, 1},                 {0x10101, 1, 1}, {-257, 1, 1},
     };
     for (const Case &c : cases) {
         SCOPED_TRACE("map type " + std::to_string(c.map_type));
@@ -600,11 +531,8 @@ TEST(ApiMaps, HandleAndKindAreCheckedFirst)
         TAZE *h;
         int ptn_type;
     } cases[] = {
-        {"null handle", nullptr, PT_TAZ},
-        {"no pattern loaded", empty.get(), PT_TAZ},
-        {"unknown kind", main.get(), 2},
-        {"negative kind", main.get(), -1},
-        {"second kind not loaded", main.get(), PT_ULM},
+        {"null handle", nullptr, PT_TAZ}, {"no pattern loaded", empty.get(), PT_TAZ}, {"unknown kind", main.get(), 2},
+        {"negative kind", main.get(), -1}, {"second kind not loaded", main.get(), PT_ULM},
     };
     for (const Case &c : cases) {
         SCOPED_TRACE(c.name);

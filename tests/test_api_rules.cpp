@@ -28,8 +28,7 @@ const std::vector<RuleInfo> kRules = {
 
 const std::vector<CleanInfo> kCleanTable = {
     {0, 0, 1, 1, 1, "never", "never", {}}, /* a range of all zeros fits nothing */
-    {6, 6, 2, 2, 5, "tcp-in-src", "tcp-in-dst", {}},
-    {6, 17, 3, 3, 9, "s2", "d2", {}},
+    {6, 6, 2, 2, 5, "tcp-in-src", "tcp-in-dst", {}}, {6, 17, 3, 3, 9, "s2", "d2", {}},
     {20, 30, 4, 1, 0, "s3", "d3", {}}, /* target 0: never cleaned */
     {40, 50, 5, 1, 4, "s4", "d4", {}},
 };
@@ -43,8 +42,7 @@ Severity severity()
 {
     Severity s;
     s.known = {{2, 5, 50, {{6, 6}, {17, 17}}, {}},
-               {1, 7, 70, {{1, 1}}, {}},
-               {3, 8, 80, {{6, 17}}, {}},
+               {1, 7, 70, {{1, 1}}, {}}, {3, 8, 80, {{6, 17}}, {}},
                {2, 9, 90, {}, {}}}; /* no ranges: fits no protocol */
     s.known_defaults = {{2, 1, 11, {}}, {3, 2, 22, {}}};
     s.potential = {{10, {}, {}},
@@ -159,13 +157,10 @@ TEST(ApiRules, RulesByPosition)
         const char *text[2];     /* description, risk type */
         unsigned int number[4]; /* rule id, risk group, confidence level, enable */
     } rows[] = {
-        {0, 0, {"zero", "risk0"}, {0, 99, 9, 1}},
-        {1, 0, {"ten", "risk10"}, {10, 11, 1, 0}},
-        {2, 0, {"twenty", ""}, {20, 22, 2, 1}},
-        {3, 0, {"thirty", "risk30"}, {30, 33, 3, 1}},
+        {0, 0, {"zero", "risk0"}, {0, 99, 9, 1}}, {1, 0, {"ten", "risk10"}, {10, 11, 1, 0}},
+        {2, 0, {"twenty", ""}, {20, 22, 2, 1}}, {3, 0, {"thirty", "risk30"}, {30, 33, 3, 1}},
         /* Past the rules: no text, and numbers that read 0. */
-        {4, PARA_ERR, {nullptr, nullptr}, {0, 0, 0, 0}},
-        {0xFFFFFFFFu, PARA_ERR, {nullptr, nullptr}, {0, 0, 0, 0}},
+        {4, PARA_ERR, {nullptr, nullptr}, {0, 0, 0, 0}}, {0xFFFFFFFFu, PARA_ERR, {nullptr, nullptr}, {0, 0, 0, 0}},
     };
     std::vector<NumberCase> numbers;
     std::vector<TextCase> texts;
@@ -197,12 +192,9 @@ TEST(ApiRules, RulesById)
         const char *text[2];     /* description (nullptr: result 0 and no copy), risk type */
         unsigned int number[2]; /* risk group, confidence level */
     } rows[] = {
-        {10, {"ten", "risk10"}, {11, 1}},
-        {20, {"twenty", ""}, {22, 2}},
-        {30, {"thirty", "risk30"}, {33, 3}},
+        {10, {"ten", "risk10"}, {11, 1}}, {20, {"twenty", ""}, {22, 2}}, {30, {"thirty", "risk30"}, {33, 3}},
         {0, {nullptr, ""}, {0, 0}}, /* id 0 is never looked up, although a rule has it */
-        {25, {nullptr, ""}, {0, 0}},
-        {0xFFFFFFFFu, {nullptr, ""}, {0, 0}},
+        {25, {nullptr, ""}, {0, 0}}, {0xFFFFFFFFu, {nullptr, ""}, {0, 0}},
     };
     std::vector<NumberCase> numbers;
     std::vector<TextCase> texts;
@@ -283,16 +275,11 @@ TEST(ApiRules, RuleCleanDecisions)
         int rc;
         unsigned int target;
     } rows[] = {
-        {"rule id 0", 0, 6, 2, PARA_ERR, 0},
-        {"unknown rule", 25, 6, 2, 0, 0},
-        {"either direction fits inbound", 30, 6, 2, 1, 7},
-        {"either direction fits outbound", 30, 17, 3, 1, 7},
-        {"protocol above the range", 30, 18, 3, 0, 0},
-        {"protocol below the range", 30, 5, 3, 0, 0},
-        {"protocol number past 16 bits", 30, 65536 + 6, 2, 0, 0},
-        {"inbound entry, inbound asked", 10, 6, 2, 1, 4},
-        {"inbound entry, outbound asked", 10, 6, 3, 0, 0},
-        {"inbound entry, either asked", 10, 6, 1, 0, 0},
+        {"rule id 0", 0, 6, 2, PARA_ERR, 0}, {"unknown rule", 25, 6, 2, 0, 0},
+        {"either direction fits inbound", 30, 6, 2, 1, 7}, {"either direction fits outbound", 30, 17, 3, 1, 7},
+        {"protocol above the range", 30, 18, 3, 0, 0}, {"protocol below the range", 30, 5, 3, 0, 0},
+        {"protocol number past 16 bits", 30, 65536 + 6, 2, 0, 0}, {"inbound entry, inbound asked", 10, 6, 2, 1, 4},
+        {"inbound entry, outbound asked", 10, 6, 3, 0, 0}, {"inbound entry, either asked", 10, 6, 1, 0, 0},
         {"target 0 is never cleaned", 20, 0, 0, 0, 0},
     };
     std::vector<CheckCase> cases;
@@ -337,14 +324,10 @@ TEST(ApiRules, CleanTableFirstFittingEntry)
     } rows[] = {
         {"first entry covering 6 is inbound", h.get(), 6, 2, 1, 5},
         {"a later outbound entry covering 6 is not looked at", h.get(), 6, 3, 0, 0},
-        {"inbound entry, either asked", h.get(), 6, 1, 0, 0},
-        {"second entry", h.get(), 10, 3, 1, 9},
-        {"second entry, wrong direction", h.get(), 10, 2, 0, 0},
-        {"target 0", h.get(), 25, 2, 0, 0},
-        {"either direction", h.get(), 45, 3, 1, 4},
-        {"all-zero range skipped", h.get(), 0, 1, 0, 0},
-        {"no entry", h.get(), 99, 1, 0, 0},
-        {"protocol past 16 bits", h.get(), 65536 + 45, 1, 0, 0},
+        {"inbound entry, either asked", h.get(), 6, 1, 0, 0}, {"second entry", h.get(), 10, 3, 1, 9},
+        {"second entry, wrong direction", h.get(), 10, 2, 0, 0}, {"target 0", h.get(), 25, 2, 0, 0},
+        {"either direction", h.get(), 45, 3, 1, 4}, {"all-zero range skipped", h.get(), 0, 1, 0, 0},
+        {"no entry", h.get(), 99, 1, 0, 0}, {"protocol past 16 bits", h.get(), 65536 + 45, 1, 0, 0},
         {"no clean table", bare.get(), 6, 2, 0, 0},
     };
     std::vector<CheckCase> cases;
@@ -509,10 +492,8 @@ TEST(ApiRules, KnownAndPotentialRisk)
                               {"known outbound default", known(3, 99), 0, 22, 2},
                               {"known, direction 4, nothing fits", known(4, 6), -1, 0, 0},
                               {"known, direction 0, entry of either direction", known(0, 1), 0, 70, 7},
-                              {"known Ex",
-                               [](TAZE *t, unsigned *p, unsigned *s) {
-                                   return TAZE_GetKnownRiskInfoEx(t, PT_TAZ, 2, 6, p, s);
-                               },
+                              {"known Ex", [](TAZE *t, unsigned *p, unsigned *s) {
+                               return TAZE_GetKnownRiskInfoEx(t, PT_TAZ, 2, 6, p, s); },
                                0, 50, 5},
                               {"potential, a first entry without risks is passed", potential(10, 2, 6), 0, 33, 3},
                               {"potential inbound default", potential(10, 2, 7), 0, 120, 12},
@@ -524,17 +505,14 @@ TEST(ApiRules, KnownAndPotentialRisk)
                               {"potential, no range", potential(20, 3, 200), 0, 130, 13},
                               {"potential unknown rule, either", potential(99, 1, 6), -1, 0, 0},
                               {"potential unknown rule, inbound", potential(99, 2, 6), 0, 120, 12},
-                              {"potential Ex",
-                               [](TAZE *t, unsigned *p, unsigned *s) {
-                                   return TAZE_GetPotentialRiskInfoEx(t, PT_TAZ, 20, 3, 5, p, s);
-                               },
+                              {"potential Ex", [](TAZE *t, unsigned *p, unsigned *s) {
+                               return TAZE_GetPotentialRiskInfoEx(t, PT_TAZ, 20, 3, 5, p, s); },
                                0, 44, 4},
                           });
     /* Without a severity section the defaults read as zeros. */
     tazt::Handle bare = tazt::load_payload(rules_only());
     expect_risks(bare.get(), {
-                                 {"known inbound", known(2, 6), 0, 0, 0},
-                                 {"known either", known(1, 6), -1, 0, 0},
+                                 {"known inbound", known(2, 6), 0, 0, 0}, {"known either", known(1, 6), -1, 0, 0},
                                  {"potential outbound", potential(10, 3, 6), 0, 0, 0},
                                  {"potential either", potential(10, 1, 6), -1, 0, 0},
                              });
@@ -551,12 +529,9 @@ TEST(ApiRules, ThreatTypes)
         unsigned int type;
     } rows[] = {
         {h.get(), 10, TT_EXPLOIT}, /* the first entry of the rule */
-        {h.get(), 20, TT_ZUL},
-        {h.get(), 30, TT_HIDDEN},
+        {h.get(), 20, TT_ZUL}, {h.get(), 30, TT_HIDDEN},
         {h.get(), 40, 12345}, /* stored as it is */
-        {h.get(), 25, TT_HIDDEN},
-        {h.get(), 0, TT_HIDDEN},
-        {bare.get(), 10, TT_HIDDEN},
+        {h.get(), 25, TT_HIDDEN}, {h.get(), 0, TT_HIDDEN}, {bare.get(), 10, TT_HIDDEN},
     };
     for (const Row &r : rows) {
         SCOPED_TRACE("rule " + std::to_string(r.rule));
@@ -581,8 +556,7 @@ TEST(ApiRules, CompilerVersion)
         const char *text;
     } rows[] = {
         {"the later of two version lists", h.get(), 32, 0, "2.00456.03"},
-        {"smallest buffer", h.get(), 11, 0, "2.00456.03"},
-        {"buffer too small", h.get(), 10, PARA_ERR, ""},
+        {"smallest buffer", h.get(), 11, 0, "2.00456.03"}, {"buffer too small", h.get(), 10, PARA_ERR, ""},
         {"no version list", bare.get(), 32, 0, "0.00000.00"},
     };
     for (const Row &r : rows) {
@@ -654,10 +628,8 @@ TEST(ApiRules, LoadMessagesFollowTheDebugLevel)
         void (*set)(TAZE *);
         std::string printed;
     } rows[] = {
-        {"error level", TAZE_setDbgLevelErr, all},
-        {"warning level", TAZE_setDbgLevelWarn, duplicates},
-        {"info level", TAZE_setDbgLevelInfo, ""},
-        {"debug level", TAZE_setDbgLevelDebug, ""},
+        {"error level", TAZE_setDbgLevelErr, all}, {"warning level", TAZE_setDbgLevelWarn, duplicates},
+        {"info level", TAZE_setDbgLevelInfo, ""}, {"debug level", TAZE_setDbgLevelDebug, ""},
         {"disabled", TAZE_disableDebug, ""},
     };
     for (const Row &r : rows) {

@@ -24,8 +24,7 @@ Bytes main_payload()
         severity_section({{{2, 1, 10, {{6, 6}}, {}}}, {}, {{1, {{2, 2, 20, {{6, 6}}, {}}}, {}}}, {}}),
         threat_type_section({{1, TT_EXPLOIT, {}}}),
         pattern_info_section(kMainVer),
-        string_section(kind::STR, {{0, {"main"}}}),
-        string_section(kind::PRCA, {{0, {"Ab"}}}),
+        string_section(kind::STR, {{0, {"main"}}}), string_section(kind::PRCA, {{0, {"Ab"}}}),
     });
 }
 
@@ -41,8 +40,7 @@ Bytes second_payload(const Bytes &name_section = ulm_info_section("TROJ_X"))
         severity_section({{{3, 5, 50, {{6, 6}}, {}}}, {}, {{2, {{1, 6, 60, {{6, 6}}, {}}}, {}}}, {}}),
         threat_type_section({{2, TT_ZUL, {}}}),
         pattern_info_section(kSecondVer),
-        string_section(kind::STR, {{0, {"second"}}}),
-        string_section(kind::PRCA, {{0, {"Ab"}}}),
+        string_section(kind::STR, {{0, {"second"}}}), string_section(kind::PRCA, {{0, {"Ab"}}}),
         name_section,
     });
 }
@@ -177,8 +175,7 @@ TEST(ApiSecondKind, RuleDescriptionsFromEitherKind)
         {"main rule", both.get(), to_main, 1, 0, "main rule"},
         {"rule of the second kind only", both.get(), to_main, 2, 0, "second rule"},
         {"rule of both kinds: the main kind first", both.get(), to_main, 3, 0, "shared, main"},
-        {"no such rule", both.get(), to_main, 5, 0, "<null>"},
-        {"rule id 0", both.get(), to_main, 0, 0, "<null>"},
+        {"no such rule", both.get(), to_main, 5, 0, "<null>"}, {"rule id 0", both.get(), to_main, 0, 0, "<null>"},
         {"second current: main rule", both.get(), to_second, 1, 0, "main rule"},
         {"second current: rule of both kinds", both.get(), to_second, 3, 0, "shared, main"},
         {"second current: rule of the second kind", both.get(), to_second, 4, 0, "fourth"},
@@ -254,8 +251,7 @@ TEST(ApiSecondKind, UnknownNameListMessage)
         const char *printed;
     } rows[] = {
         {"error level", TAZE_setDbgLevelErr, "BUG: Un-recognized pattern info pattern header magic: 5a5a5a5a"},
-        {"warning level", TAZE_setDbgLevelWarn, ""},
-        {"info level", TAZE_setDbgLevelInfo, ""},
+        {"warning level", TAZE_setDbgLevelWarn, ""}, {"info level", TAZE_setDbgLevelInfo, ""},
     };
     for (const Row &r : rows) {
         SCOPED_TRACE(r.name);

@@ -6,32 +6,16 @@
 #include <random>
 #include <sstream>
 
-#include "examine_commands.h"
 #include "source_model.h"
-#include "test_support.h"
+#include "tool_run.h"
 
 namespace {
 
 using tazc::Json;
 
-struct Outcome {
-    int rc;
-    std::string out, err;
-};
-
-Outcome tazc_run(const std::vector<std::string> &args)
-{
-    std::ostringstream out, err;
-    const int rc = tazc::run_tazc(args, out, err);
-    return {rc, out.str(), err.str()};
-}
-
-Outcome taze_run(const std::vector<std::string> &args)
-{
-    std::ostringstream out, err;
-    const int rc = tazi::run_taze(args, out, err);
-    return {rc, out.str(), err.str()};
-}
+using tazt::Outcome;
+using tazt::taze_run;
+Outcome tazc_run(const std::vector<std::string> &args) { return tazt::run_tool(tazc::run_tazc, args); }
 
 const std::string &dir()
 {
@@ -39,12 +23,7 @@ const std::string &dir()
     return d;
 }
 
-std::string write_text(const std::string &name, const std::string &text)
-{
-    const std::string path = dir() + "/" + name;
-    std::ofstream(path, std::ios::binary) << text;
-    return path;
-}
+std::string write_text(const std::string &name, const std::string &text) { return tazt::write_text(dir(), name, text); }
 
 std::size_t lines_with(const std::string &text, const std::string &part)
 {
@@ -76,8 +55,7 @@ struct CoverFamily {
     Search search;
 };
 constexpr CoverFamily kCoverFamilies[] = {
-    {"prefix", 1, false, TAZE_PatternSearchPrefixList},
-    {"suffix", 2, false, TAZE_PatternSearchSuffixList},
+    {"prefix", 1, false, TAZE_PatternSearchPrefixList}, {"suffix", 2, false, TAZE_PatternSearchSuffixList},
     {"prefix_case", 1, true, TAZE_PatternSearchPrefixCaseList},
     {"suffix_case", 2, true, TAZE_PatternSearchSuffixCaseList},
 };

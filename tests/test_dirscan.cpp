@@ -185,10 +185,8 @@ TEST(DirScan, BuildOnlyDifferencesKeepDirectoryOrder)
 {
     const std::string dir = tazt::temp_dir();
     for (const File &f : std::vector<File>{{"a78.ptn", ver(1, 0, 78), KORM_SUB_TAZE_RULE, true},
-                                           {"a77.ptn", ver(1, 3, 77)},
-                                           {"a077.ptn", ver(1, 1, 77)},
-                                           {"a0077.ptn", ver(1, 2, 77)},
-                                           {"a00077.ptn", ver(1, 0, 77)},
+                                           {"a77.ptn", ver(1, 3, 77)}, {"a077.ptn", ver(1, 1, 77)},
+                                           {"a0077.ptn", ver(1, 2, 77)}, {"a00077.ptn", ver(1, 0, 77)},
                                            {"a000077.ptn", ver(1, 9, 77)}})
         put(dir, f);
     Entries order; /* the version-77 files in readdir order, then 78 */

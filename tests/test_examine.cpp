@@ -14,26 +14,17 @@
 #include <set>
 #include <sstream>
 
-#include "examine_commands.h"
 #include "taze_impl.h"
 #include "tazewriter_info.h"
-#include "test_support.h"
+#include "tool_run.h"
 
 namespace {
 
 using tazc::Json;
 
-struct Outcome {
-    int rc;
-    std::string out, err;
-};
-
-Outcome taze(const std::vector<std::string> &args)
-{
-    std::ostringstream out, err;
-    const int rc = tazi::run_taze(args, out, err);
-    return {rc, out.str(), err.str()};
-}
+using tazt::example_path;
+using tazt::Outcome;
+Outcome taze(const std::vector<std::string> &args) { return tazt::taze_run(args); }
 
 /* Some line of text holds `first` and, after it, `second`. */
 bool has_line(const std::string &text, const std::string &first, const std::string &second)
@@ -57,12 +48,6 @@ std::vector<std::string> row(const std::string &text, const std::string &start)
         if (!w.empty() && w[0] == start) return w;
     }
     return {};
-}
-
-std::string example_path()
-{
-    std::string here = __FILE__;
-    return here.substr(0, here.rfind("/tests/")) + "/examples/example.json";
 }
 
 std::string compile_to_file(const tazc::Source &src, bool encrypt, const std::string &name = "p.ptn")
@@ -494,127 +479,82 @@ TEST(InspectVerify, ReportsEachBrokenInvariantWhereItIs)
     using tazw::concat;
     const tazw::Bytes str_ab = strings(MAGIC_TAZE_PATTERN_STR, {"a", "b"});
     const VerifyCase cases[] = {
-        {"exact list out of order",
-         strings(MAGIC_TAZE_PATTERN_STR, {"b", "A"}),
-         {},
+        {"exact list out of order", strings(MAGIC_TAZE_PATTERN_STR, {"b", "A"}), {},
          "error: main lists.exact.0[1]: \"A\" is stored after \"b\" but sorts before it"},
-        {"exact list duplicate ignoring case",
-         strings(MAGIC_TAZE_PATTERN_STR, {"a", "A"}),
-         {},
+        {"exact list duplicate ignoring case", strings(MAGIC_TAZE_PATTERN_STR, {"a", "A"}), {},
          "error: main lists.exact.0[1]: duplicate string \"A\" (same as [0])"},
         {"case list keeps case twins", strings(MAGIC_TAZE_PATTERN_STR_CASE, {"A", "a"}), {}, ""},
-        {"case list in strcmp order",
-         strings(MAGIC_TAZE_PATTERN_STR_CASE, {"a", "B"}),
-         {},
+        {"case list in strcmp order", strings(MAGIC_TAZE_PATTERN_STR_CASE, {"a", "B"}), {},
          "error: main lists.exact_case.0[1]"},
-        {"prefix list out of order",
-         strings(MAGIC_TAZE_PATTERN_STR_PREFIX, {"/b", "/a"}, 2),
-         {},
+        {"prefix list out of order", strings(MAGIC_TAZE_PATTERN_STR_PREFIX, {"/b", "/a"}, 2), {},
          "error: main lists.prefix.2[1]"},
-        {"suffix list: a suffix sorts first",
-         strings(MAGIC_TAZE_PATTERN_STR_SUFFIX, {"a.com", "com"}),
-         {},
+        {"suffix list: a suffix sorts first", strings(MAGIC_TAZE_PATTERN_STR_SUFFIX, {"a.com", "com"}), {},
          "error: main lists.suffix.0[1]: \"com\" is stored after \"a.com\""},
         {"suffix list read backwards", strings(MAGIC_TAZE_PATTERN_STR_SUFFIX, {"ba", "ab"}), {}, ""},
-        {"suffix list folds case",
-         strings(MAGIC_TAZE_PATTERN_STR_SUFFIX, {"B", "a"}),
-         {},
+        {"suffix list folds case", strings(MAGIC_TAZE_PATTERN_STR_SUFFIX, {"B", "a"}), {},
          "error: main lists.suffix.0[1]"},
         {"case suffix list is bytewise", strings(MAGIC_TAZE_PATTERN_STR_SUFFIX_CASE, {"B", "a"}), {}, ""},
         {"substring list in any order", strings(MAGIC_TAZE_PATTERN_STR_SUBSTR, {"b", "a", "a"}), {}, ""},
-        {"inner NUL byte",
-         strings(MAGIC_TAZE_PATTERN_STR, {std::string("a\0b", 3)}),
-         {},
+        {"inner NUL byte", strings(MAGIC_TAZE_PATTERN_STR, {std::string("a\0b", 3)}), {},
          "holds a NUL byte at offset 1"},
-        {"terminator not NUL",
-         bad_terminator('X'),
-         {},
+        {"terminator not NUL", bad_terminator('X'), {},
          "error: main lists.exact.0[0]: \"abc\" is followed by the byte 0x58"},
-        {"ranges overlap",
-         one_list(MAGIC_TAZE_PATTERN_IP, IPv4Ranges{{1, 5}, {5, 9}}),
-         {},
+        {"ranges overlap", one_list(MAGIC_TAZE_PATTERN_IP, IPv4Ranges{{1, 5}, {5, 9}}), {},
          "error: main lists.ip.0[1]: range 0.0.0.5-0.0.0.9 overlaps"},
-        {"range reversed",
-         one_list(MAGIC_TAZE_PATTERN_IP, IPv4Ranges{{9, 1}}),
-         {},
+        {"range reversed", one_list(MAGIC_TAZE_PATTERN_IP, IPv4Ranges{{9, 1}}), {},
          "error: main lists.ip.0[0]: range 0.0.0.9-0.0.0.1 is reversed"},
-        {"ranges descend",
-         one_list(MAGIC_TAZE_PATTERN_PORT, PortRanges{{10, 20}, {1, 5}}),
-         {},
+        {"ranges descend", one_list(MAGIC_TAZE_PATTERN_PORT, PortRanges{{10, 20}, {1, 5}}), {},
          "error: main lists.port.0[1]: range 1-5 is stored after"},
         {"IPv6 ranges in memcmp order",
-         one_list(MAGIC_TAZE_PATTERN_IPV6, IPv6Ranges{{v6(0x20, 1), v6(0x20, 9)}, {v6(0xFE, 0), v6(0xFE, 1)}}),
-         {},
+         one_list(MAGIC_TAZE_PATTERN_IPV6, IPv6Ranges{{v6(0x20, 1), v6(0x20, 9)}, {v6(0xFE, 0), v6(0xFE, 1)}}), {},
          ""},
         {"IPv6 ranges descend",
-         one_list(MAGIC_TAZE_PATTERN_IPV6, IPv6Ranges{{v6(0xFE, 0), v6(0xFE, 1)}, {v6(0x20, 1), v6(0x20, 9)}}),
-         {},
+         one_list(MAGIC_TAZE_PATTERN_IPV6, IPv6Ranges{{v6(0xFE, 0), v6(0xFE, 1)}, {v6(0x20, 1), v6(0x20, 9)}}), {},
          "error: main lists.ipv6.0[1]"},
         {"map keys out of order",
-         one_list<tazw::StrIntEntry>(MAGIC_TAZE_PATTERN_STR_INT_MAP, {{"b", {1}}, {"a", {2}}}),
-         {},
+         one_list<tazw::StrIntEntry>(MAGIC_TAZE_PATTERN_STR_INT_MAP, {{"b", {1}}, {"a", {2}}}), {},
          "error: main maps.exact_to_int.0[1]: key \"a\" is stored after key \"b\""},
         {"map keys duplicate ignoring case",
-         one_list<tazw::StrIntEntry>(MAGIC_TAZE_PATTERN_PREFIX_INT_MAP, {{"a", {1}}, {"A", {2}}}),
-         {},
+         one_list<tazw::StrIntEntry>(MAGIC_TAZE_PATTERN_PREFIX_INT_MAP, {{"a", {1}}, {"A", {2}}}), {},
          "error: main maps.prefix_to_int.0[1]: duplicate key \"A\""},
         {"substring-keyed map: order free, duplicates not",
-         one_list<tazw::StrIntEntry>(MAGIC_TAZE_PATTERN_SUBSTR_INT_MAP, {{"b", {1}}, {"a", {2}}, {"B", {3}}}),
-         {},
+         one_list<tazw::StrIntEntry>(MAGIC_TAZE_PATTERN_SUBSTR_INT_MAP, {{"b", {1}}, {"a", {2}}, {"B", {3}}}), {},
          "error: main maps.substring_to_int.0[2]: duplicate key \"B\" (same as [0])"},
         {"integer keys 2^31 apart",
-         one_list<tazw::IntIntEntry>(MAGIC_TAZE_PATTERN_INT_INT_MAP, {{1, {1}}, {0x80000002u, {2}}}),
-         {},
+         one_list<tazw::IntIntEntry>(MAGIC_TAZE_PATTERN_INT_INT_MAP, {{1, {1}}, {0x80000002u, {2}}}), {},
          "error: main maps.int_to_int.0"},
-        {"integer keys spread in steps",
-         one_list<tazw::IntIntEntry>(MAGIC_TAZE_PATTERN_INT_INT_MAP,
-                                     {{0, {1}}, {0x7FFFFFFFu, {2}}, {0xFFFFFFF0u, {3}}}),
-         {},
+        {"integer keys spread in steps", one_list<tazw::IntIntEntry>(MAGIC_TAZE_PATTERN_INT_INT_MAP,
+         {{0, {1}}, {0x7FFFFFFFu, {2}}, {0xFFFFFFF0u, {3}}}), {},
          "lie 2^31 or more apart"},
         {"integer keys duplicate",
-         one_list<tazw::IntStrEntry>(MAGIC_TAZE_PATTERN_INT_STR_MAP, {{5, {"a"}}, {5, {"b"}}}),
-         {},
+         one_list<tazw::IntStrEntry>(MAGIC_TAZE_PATTERN_INT_STR_MAP, {{5, {"a"}}, {5, {"b"}}}), {},
          "error: main maps.int_to_exact.0[1]: duplicate key 5"},
         {"IPv6 keys out of order",
-         one_list<tazw::IPv6IntEntry>(MAGIC_TAZE_PATTERN_IPV6_INT_MAP, {{v6(0xFE, 0), {1}}, {v6(0x20, 0), {2}}}),
-         {},
+         one_list<tazw::IPv6IntEntry>(MAGIC_TAZE_PATTERN_IPV6_INT_MAP, {{v6(0xFE, 0), {1}}, {v6(0x20, 0), {2}}}), {},
          "error: main maps.ipv6_to_int.0[1]"},
         {"string values out of order",
-         one_list<tazw::StrStrEntry>(MAGIC_TAZE_PATTERN_STR_SUFFIX_MAP, {{"k", {"a.com", "com"}}}),
-         {},
+         one_list<tazw::StrStrEntry>(MAGIC_TAZE_PATTERN_STR_SUFFIX_MAP, {{"k", {"a.com", "com"}}}), {},
          "error: main maps.exact_to_suffix.0[0][1]"},
         {"substring values in any order",
-         one_list<tazw::IntStrEntry>(MAGIC_TAZE_PATTERN_INT_SUBSTR_MAP, {{1, {"b", "a"}}}),
-         {},
+         one_list<tazw::IntStrEntry>(MAGIC_TAZE_PATTERN_INT_SUBSTR_MAP, {{1, {"b", "a"}}}), {},
          ""},
         {"group position out of range", protocols(1, 0), {}, "error: main protocols[0].group: group position 1"},
-        {"member position out of range",
-         protocols(0, 2),
-         {},
+        {"member position out of range", protocols(0, 2), {},
          "error: main protocol_groups[0].protocols[0]: protocol position 2"},
         {"protocol ids repeat", protocols(0, 0, 6), {}, "error: main protocols[1]: id 6 is already held by [0]"},
         {"rule ids repeat", rules({3, 1, 3}), {}, "error: main rules[2]: duplicate rule id 3"},
         {"rule id 0 is only a note", rules({0, 1}), {}, ""},
         {"threat type ids repeat", threat_types({4, 4}), {}, "error: main threat_types[1]"},
-        {"clean table entry for protocol 0",
-         clean_table(0, 0),
-         {},
+        {"clean table entry for protocol 0", clean_table(0, 0), {},
          "error: main clean[0].protocol: protocol range 0-0"},
         {"clean table entry reversed", clean_table(9, 3), {}, "error: main clean[0].protocol"},
-        {"known risk ranges overlap",
-         known_risk({{1, 5}, {3, 9}}),
-         {},
+        {"known risk ranges overlap", known_risk({{1, 5}, {3, 9}}), {},
          "error: main severity.known[0].protocols[1]: range 3-9 overlaps"},
-        {"list number twice in a section",
-         tazw::section(
-             MAGIC_TAZE_PATTERN_STR, 2,
-             concat({tazw::list(0, 1, tazw::string_entries({"a"})), tazw::list(0, 1, tazw::string_entries({"b"}))})),
-         {},
+        {"list number twice in a section", tazw::section( MAGIC_TAZE_PATTERN_STR, 2,
+         concat({tazw::list(0, 1, tazw::string_entries({"a"})), tazw::list(0, 1, tazw::string_entries({"b"}))})), {},
          "error: main lists.exact.0: list number 0 occurs twice"},
-        {"list size field too large",
-         tazw::section(MAGIC_TAZE_PATTERN_STR, 1,
-                       concat({tazw::list(0, 1, tazw::string_entries({"a"}), 12), tazw::Bytes(6, 0)})),
-         {},
+        {"list size field too large", tazw::section(MAGIC_TAZE_PATTERN_STR, 1,
+         concat({tazw::list(0, 1, tazw::string_entries({"a"}), 12), tazw::Bytes(6, 0)})), {},
          "error: main lists.exact.0: the list's size field says 12 bytes but its 1 entries take 6"},
         {"section twice", concat({str_ab, str_ab}), {}, "occurs a second time"},
         {"second kind checked too", tazw::Bytes(), strings(MAGIC_TAZE_PATTERN_STR, {"b", "a"}),
@@ -701,62 +641,29 @@ TEST(InspectCommands, ExitCodes)
         std::vector<std::string> args;
         int rc;
     } cases[] = {
-        {{}, 2},
-        {{"bogus"}, 2},
-        {{"--help"}, 0},
-        {{"help", "query"}, 0},
-        {{"info", "--help"}, 0},
-        {{"dump", "--help"}, 0},
-        {{"verify", "--help"}, 0},
-        {{"query", "--help"}, 0},
-        {{"pick", "--help"}, 0},
-        {{"info"}, 2},
-        {{"info", "--bogus", good}, 2},
-        {{"info", good}, 0},
-        {{"info", "--all", no_ulm}, 0},
-        {{"info", corrupt}, 1},
-        {{"info", missing}, 1},
+        {{}, 2}, {{"bogus"}, 2}, {{"--help"}, 0}, {{"help", "query"}, 0}, {{"info", "--help"}, 0},
+        {{"dump", "--help"}, 0}, {{"verify", "--help"}, 0}, {{"query", "--help"}, 0}, {{"pick", "--help"}, 0},
+        {{"info"}, 2}, {{"info", "--bogus", good}, 2}, {{"info", good}, 0}, {{"info", "--all", no_ulm}, 0},
+        {{"info", corrupt}, 1}, {{"info", missing}, 1},
         {{"info", ulm_only}, 1}, /* the library needs a main pattern */
-        {{"verify", ulm_only}, 1},
-        {{"dump", ulm_only}, 1},
-        {{"query", ulm_only, "versions"}, 1},
-        {{"dump"}, 2},
-        {{"dump", good, good}, 2},
-        {{"dump", good}, 0},
-        {{"dump", corrupt}, 1},
-        {{"dump", "-o", dir + "/out.json", good}, 0},
-        {{"dump", "-o", dir + "/no/such/dir.json", good}, 1},
-        {{"verify", good}, 0},
-        {{"verify", bad}, 1},
-        {{"verify", good, bad}, 2},
-        {{"verify", missing}, 1},
-        {{"query", good}, 2},
-        {{"query", good, "nokind", "0"}, 2},
-        {{"query", good, "suffix"}, 2},
-        {{"query", good, "suffix", "0"}, 2},
-        {{"query", good, "suffix", "zero", "x"}, 2},
-        {{"query", good, "port", "0", "99999"}, 2},
-        {{"query", good, "ip", "0", "not-an-address"}, 2},
-        {{"query", good, "clean", "1"}, 2},
-        {{"query", "--map-type", "prefix", good, "rule", "1"}, 2},
+        {{"verify", ulm_only}, 1}, {{"dump", ulm_only}, 1}, {{"query", ulm_only, "versions"}, 1}, {{"dump"}, 2},
+        {{"dump", good, good}, 2}, {{"dump", good}, 0}, {{"dump", corrupt}, 1},
+        {{"dump", "-o", dir + "/out.json", good}, 0}, {{"dump", "-o", dir + "/no/such/dir.json", good}, 1},
+        {{"verify", good}, 0}, {{"verify", bad}, 1}, {{"verify", good, bad}, 2}, {{"verify", missing}, 1},
+        {{"query", good}, 2}, {{"query", good, "nokind", "0"}, 2}, {{"query", good, "suffix"}, 2},
+        {{"query", good, "suffix", "0"}, 2}, {{"query", good, "suffix", "zero", "x"}, 2},
+        {{"query", good, "port", "0", "99999"}, 2}, {{"query", good, "ip", "0", "not-an-address"}, 2},
+        {{"query", good, "clean", "1"}, 2}, {{"query", "--map-type", "prefix", good, "rule", "1"}, 2},
         {{"query", "--map-type", "prefix", good, "suffix_to_int", "0"}, 2},
-        {{"query", "--map-type", "sideways", good, "simap", "0"}, 2},
-        {{"query", good, "suffix", "0", "a.exe"}, 0},
+        {{"query", "--map-type", "sideways", good, "simap", "0"}, 2}, {{"query", good, "suffix", "0", "a.exe"}, 0},
         {{"query", good, "suffix", "99", "a.exe"}, 1}, /* list 99 does not exist */
         {{"query", good, "suffix", "-1", "a.exe"}, 1}, /* PARA_ERR */
         {{"query", good, "simap", "99"}, 1},           /* PARA_ERR */
         {{"query", good, "rule", "0"}, 1},             /* PARA_ERR for id 0 */
-        {{"query", missing, "rule", "1"}, 1},
-        {{"query", "--ulm", no_ulm, "rule", "1"}, 1},
-        {{"query", "--ulm", good, "ulm-info"}, 0},
-        {{"query", no_ulm, "ulm-info"}, 1},
-        {{"pick", dir}, 2},
-        {{"pick", "--x", dir, "a"}, 2},
-        {{"pick", dir, "zzz"}, 1},
-        {{"pick", dir + "/none", "a"}, 1},
-        {{"pick", "--json", dir, "zzz"}, 1},
-        {{"info", "--json", good}, 0},
-        {{"--version"}, 0},
+        {{"query", missing, "rule", "1"}, 1}, {{"query", "--ulm", no_ulm, "rule", "1"}, 1},
+        {{"query", "--ulm", good, "ulm-info"}, 0}, {{"query", no_ulm, "ulm-info"}, 1}, {{"pick", dir}, 2},
+        {{"pick", "--x", dir, "a"}, 2}, {{"pick", dir, "zzz"}, 1}, {{"pick", dir + "/none", "a"}, 1},
+        {{"pick", "--json", dir, "zzz"}, 1}, {{"info", "--json", good}, 0}, {{"--version"}, 0},
         {{"--version", "x"}, 2},
     };
     for (const auto &c : cases) {
@@ -795,11 +702,8 @@ TEST(InspectInfo, HeadersVersionsAndFamilyCounts)
     const char *expected[] = {
         "main header: magic \"TAZP\", format version 1, mbz 0, sub-patterns 3",
         "pattern version: 0x1230004d (1.00077.35)",
-        "sub-pattern 0 at offset 32: kind 7 (main pattern), encryption 1 (Twofish + MD5)",
-        "kind 9 (raw pattern)",
-        "load: ok",
-        "compiler version: 0x10200003 (1.00003.02)",
-        "name: \"Example second pattern\"",
+        "sub-pattern 0 at offset 32: kind 7 (main pattern), encryption 1 (Twofish + MD5)", "kind 9 (raw pattern)",
+        "load: ok", "compiler version: 0x10200003 (1.00003.02)", "name: \"Example second pattern\"",
         "raw pattern (kind 9): 39 bytes",
     };
     /* family, section, lists, entries, values, bytes: suffix lists 0 and 3
@@ -889,8 +793,7 @@ TEST(InspectQuery, AnswersAsTheLibrary)
         {{"simap", "0", "a.example.biz", "3003"}, "result=-1 match=false"}, /* the exact map: no such key */
         {{"sipv6map", "0", "sinkhole.example.com"}, "result=-1 found=false"},
         {{"sipv6map", "0", "sinkhole.example.com", "2001:db8::54"}, "result=1 match=true"},
-        {{"ipv6imap", "0", "fe80::1", "9"}, "result=1"},
-        {{"iimap", "0", "443"}, "values=[3]"},
+        {{"ipv6imap", "0", "fe80::1", "9"}, "result=1"}, {{"iimap", "0", "443"}, "values=[3]"},
         {{"ismap", "0", "1003", "phish.kit"}, "result=1"},
         {{"--map-type", "prefix_suffix", "ssmap", "0", "/download/setup", "x.MSI"}, "result=1"},
         {{"prefix_to_suffix", "0", "/download/setup", "x.txt"}, "result=-1 match=false"},
@@ -983,11 +886,9 @@ TEST(InspectPick, ExplainsEveryEntryAndPicksTheLoader)
         {"skipped   a3.txt", "suffix mismatch: the number after the prefix is not followed by \".ptn\""},
         {"skipped   a4.ptn", "peek failed"},
         {"skipped   a8.ptn", "version mismatch: the file holds version field 9 (1.00009.01) but its name says 8"},
-        {"candidate a5.ptn", "1.00005.01"},
-        {"candidate a7.ptn", "1.00007.01"},
+        {"candidate a5.ptn", "1.00005.01"}, {"candidate a7.ptn", "1.00007.01"},
         {"a7.ptn  1.00007.01", "fails to load with -96 (READ_ERR): checksum mismatch in sub-pattern 0"},
-        {"a5.ptn  1.00005.01", "loads"},
-        {"would load: " + dir + "/a5.ptn", "(pattern version 1.00005.01)"},
+        {"a5.ptn  1.00005.01", "loads"}, {"would load: " + dir + "/a5.ptn", "(pattern version 1.00005.01)"},
     };
     for (const auto &[first, second] : expected) EXPECT_TRUE(has_line(r.out, first, second)) << first << "\n" << r.out;
     EXPECT_LT(r.out.find("a7.ptn  1.00007.01"), r.out.find("a5.ptn  1.00005.01  loads")); /* highest first */
@@ -1000,10 +901,8 @@ TEST(InspectPick, ExplainsEveryEntryAndPicksTheLoader)
     std::map<std::string, std::string> reasons;
     for (const auto &e : doc["entries"]) reasons[e["name"]] = e["reason"];
     EXPECT_EQ(reasons, (std::map<std::string, std::string>{{"a3.txt", "suffix_mismatch"},
-                                                           {"a4.ptn", "peek_failed"},
-                                                           {"a5.ptn", "loaded"},
-                                                           {"a6.ptn", "not_regular_file"},
-                                                           {"a7.ptn", "load_failed"},
+                                                           {"a4.ptn", "peek_failed"}, {"a5.ptn", "loaded"},
+                                                           {"a6.ptn", "not_regular_file"}, {"a7.ptn", "load_failed"},
                                                            {"a8.ptn", "version_mismatch"},
                                                            {"b3.ptn", "prefix_mismatch"}}));
 

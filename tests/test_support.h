@@ -8,6 +8,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <fcntl.h>
+#include <fstream>
 #include <memory>
 #include <optional>
 #include <string>
@@ -124,6 +125,21 @@ inline std::string write_temp(const tazw::Bytes &file, const std::string &name =
     std::string path = temp_dir() + "/" + name;
     EXPECT_TRUE(tazw::write_file(path, file));
     return path;
+}
+
+/* Writes text into `dir` and returns its path. */
+inline std::string write_text(const std::string &dir, const std::string &name, const std::string &text)
+{
+    const std::string path = dir + "/" + name;
+    std::ofstream(path, std::ios::binary) << text;
+    return path;
+}
+
+/* The example source of the repository. */
+inline std::string example_path()
+{
+    const std::string here = __FILE__;
+    return here.substr(0, here.rfind("/tests/")) + "/examples/example.json";
 }
 
 /* A handle with the payload(s) loaded through the public API. */

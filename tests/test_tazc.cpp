@@ -21,12 +21,8 @@ using tazc::Json;
 
 /* ---- compiling and loading -------------------------------------------------- */
 
-std::string write_text(const std::string &dir, const std::string &name, const std::string &text)
-{
-    std::string path = dir + "/" + name;
-    std::ofstream(path, std::ios::binary) << text;
-    return path;
-}
+using tazt::example_path;
+using tazt::write_text;
 
 tazt::Handle load_source(const tazc::Source &src, bool encrypt = true)
 {
@@ -34,12 +30,6 @@ tazt::Handle load_source(const tazc::Source &src, bool encrypt = true)
     std::string path = tazt::write_temp(tazw::build_container(tazc::make_container(src, encrypt)));
     EXPECT_EQ(TAZE_LoadPattern(h.get(), path.c_str()), 0);
     return h;
-}
-
-std::string example_path()
-{
-    std::string here = __FILE__;
-    return here.substr(0, here.rfind("/tests/")) + "/examples/example.json";
 }
 
 /* ---- every entry is found by its search ---------------------------------------- */
@@ -492,8 +482,7 @@ TEST(Tazc, CommandLineExitCodes)
         std::string err; /* start of the error output */
     };
     const Case cases[] = {
-        {"help", {"--help"}, 0, ""},
-        {"no arguments", {}, 2, "tazc: no source file given\n"},
+        {"help", {"--help"}, 0, ""}, {"no arguments", {}, 2, "tazc: no source file given\n"},
         {"unknown option", {"-x", good}, 2, "tazc: unknown option -x\n"},
         {"no output", {good}, 2, "tazc: give either -o FILE or --out-dir DIR --prefix PREFIX\n"},
         {"both outputs", {"-o", dir + "/x.ptn", "--out-dir", dir, "--prefix", "p", good}, 2, "tazc: give either"},

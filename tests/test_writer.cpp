@@ -164,16 +164,13 @@ TEST(Writer, PairOrders)
         {Order::Fold, "z", "\x80", true, false},         /* high bytes after ASCII */
         {Order::Fold, "\xC4", "\xE4", true, false},      /* only ASCII letters fold */
         {Order::Fold, "ab\0z"s, "ab", false, false},     /* C text ends at the NUL */
-        {Order::Bytewise, "A", "_", true, false},
-        {Order::Bytewise, "B", "a", true, false},
+        {Order::Bytewise, "A", "_", true, false}, {Order::Bytewise, "B", "a", true, false},
         {Order::Bytewise, "~", "\xFF", true, false},
         {Order::FoldReversed, "log", "a.log", true, false},    /* a proper suffix first */
         {Order::FoldReversed, "backup.log", ".backup.log", true, false},
         {Order::FoldReversed, "xa", "ab", true, false},        /* compared from the last byte */
-        {Order::FoldReversed, "B.com", "b.COM", false, false},
-        {Order::FoldReversed, "a_", "aB", true, false},
-        {Order::BytewiseReversed, "xA", "xa", true, false},
-        {Order::BytewiseReversed, "Ab", "ab", true, false},
+        {Order::FoldReversed, "B.com", "b.COM", false, false}, {Order::FoldReversed, "a_", "aB", true, false},
+        {Order::BytewiseReversed, "xA", "xa", true, false}, {Order::BytewiseReversed, "Ab", "ab", true, false},
         {Order::Any, "a", "b", false, false},
     };
     for (const auto &c : cases) {
