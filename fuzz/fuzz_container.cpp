@@ -10,12 +10,17 @@
 #include "battery.h"
 #include "harness.h"
 
+#include "../tests/counting_alloc.h"
+
 TAZF_QUIET_INITIALIZER
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t *data, std::size_t size)
 {
     const auto use = [data, size](const _TAZPattern *rec) { tazf::exercise_record(rec, data, size); };
-    const tazf::Outcome pieces = tazf::read_container(data, size, [] { return 32; }, use);
+    tazf::Outcome pieces;
+    /* No load holds more than the bound of any input at any moment. */
+    if (peak_of([&] { pieces = tazf::read_container(data, size, [] { return 32; }, use); }) > load_bound(size, true))
+        std::abort();
     const tazf::Outcome whole =
         tazf::read_container(data, size, [size] { return int(std::min<std::size_t>(size, 1u << 30)); },
                              [](const _TAZPattern *) {});

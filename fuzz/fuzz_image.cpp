@@ -7,6 +7,8 @@
 #include "battery.h"
 #include "harness.h"
 
+#include "../tests/counting_alloc.h"
+
 #ifndef TAZE_FUZZ_SECOND_KIND
 #define TAZE_FUZZ_SECOND_KIND 0
 #endif
@@ -20,14 +22,18 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t *data, std::size_t size
     static const unsigned char none = 0;
     const unsigned char *buf = size ? data : &none;
     const auto len = UINT32(size);
-    if (TAZE_FUZZ_SECOND_KIND) {
-        taz_pattern_st *img = ulm_load_pattern(buf, len);
-        tazf::exercise(img, data, size);
-        ulm_unload_pattern(img);
-    } else {
-        taz_pattern_st *img = taz_load_pattern(buf, len);
-        tazf::exercise(img, data, size);
-        taz_unload_pattern(img);
-    }
+    /* No load holds more than the bound of any input at any moment. */
+    const long long peak = peak_of([&] {
+        if (TAZE_FUZZ_SECOND_KIND) {
+            taz_pattern_st *img = ulm_load_pattern(buf, len);
+            tazf::exercise(img, data, size);
+            ulm_unload_pattern(img);
+        } else {
+            taz_pattern_st *img = taz_load_pattern(buf, len);
+            tazf::exercise(img, data, size);
+            taz_unload_pattern(img);
+        }
+    });
+    if (peak > load_bound(size, true)) std::abort();
     return 0;
 }

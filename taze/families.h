@@ -66,6 +66,20 @@
     X(ipv6_int_map_lists,       max_ipv6_int_map_list_count,       ipv6imap_list_st,        MAGIC_TAZE_PATTERN_IPV6_INT_MAP,       None,   None,   None,      Both)
 /* clang-format on */
 
+/* How a family's list array is numbered. With `numbers` null it is dense:
+ * record i is list number i and the family's list count is the array's
+ * count. Otherwise it is sparse: the array's count records are the lists
+ * that a non-empty list of the section numbered, record k being list
+ * numbers[k] (ascending), and the family's list count is `lists` (one past
+ * the highest number); a number below it without a record is an empty list.
+ * Sections whose list numbers are sparse are kept this way, so that the
+ * records stay bounded by what the section holds. Either way the array's
+ * count records may be walked as they are. */
+typedef struct taz_list_numbers_st {
+    UINT32 *numbers;
+    UINT32 lists;
+} taz_list_numbers_st;
+
 #ifdef __cplusplus
 
 #include <cstddef>
@@ -178,8 +192,39 @@ constexpr int map_type_of(const FamilyRow &r)
     return int((k | v) * 0x101u);
 }
 
-/* One family of Image: the image's two fields and the row. */
-template <auto Lists, auto Count, UINT32 Magic>
+/* The empty list record that a sparse family answers for a number it does
+ * not hold (constant-initialised, never written). */
+template <class List>
+List *empty_list()
+{
+    static List empty{};
+    return &empty;
+}
+
+/* The family's list count: list numbers below it exist. */
+inline UINT32 list_count(UINT32 count, const taz_list_numbers_st &n) { return n.numbers != nullptr ? n.lists : count; }
+
+/* The record of list `number`: null at or above the list count, else the
+ * dense array's record, the sparse array's record of that number, or the
+ * empty list. */
+template <class List>
+List *list_at(List *lists, UINT32 count, const taz_list_numbers_st &n, UINT32 number)
+{
+    if (number >= list_count(count, n) || lists == nullptr) return nullptr;
+    if (n.numbers == nullptr) return &lists[number];
+    UINT32 lo = 0, hi = count;
+    while (lo < hi) {
+        const UINT32 mid = lo + (hi - lo) / 2;
+        if (n.numbers[mid] < number)
+            lo = mid + 1;
+        else
+            hi = mid;
+    }
+    return lo < count && n.numbers[lo] == number ? &lists[lo] : empty_list<List>();
+}
+
+/* One family of Image: the image's three fields and the row. */
+template <auto Lists, auto Count, auto Numbers, UINT32 Magic>
 struct family {
     template <class T>
     struct member_type;
@@ -190,7 +235,15 @@ struct family {
     using record = std::remove_pointer_t<typename member_type<decltype(Lists)>::type>;
     static constexpr auto lists = Lists;
     static constexpr auto count = Count;
+    static constexpr auto numbers = Numbers;
     static constexpr const FamilyRow &row = *family_row(Magic);
+
+    /* The record of one list number (see list_at). */
+    template <class Image>
+    static record *at(const Image &p, UINT32 number)
+    {
+        return list_at(p.*Lists, p.*Count, p.*Numbers, number);
+    }
 };
 
 /* Calls fn(family<...>{}) for every family of Image (taz_pattern_st), in
@@ -199,7 +252,8 @@ struct family {
 template <class Image, class Fn>
 void each_family(Fn &&fn)
 {
-#define TAZ_FAMILY_CALL(field, count, record, magic, ...) fn(family<&Image::field, &Image::count, magic>{});
+#define TAZ_FAMILY_CALL(field, count, record, magic, ...) \
+    fn(family<&Image::field, &Image::count, &Image::field##_numbers, magic>{});
     TAZ_FAMILIES(TAZ_FAMILY_CALL)
 #undef TAZ_FAMILY_CALL
 }

@@ -50,13 +50,6 @@ bool body_lengths_valid(const ENCHEAD &e, std::uint16_t enctype);
 /* A list header: list number, bytes of its entries, entry count. */
 constexpr std::uint64_t kListHeaderBytes = 12;
 
-/* On top of the payload length, how many list records, list entries, map
- * values and info elements one image or section may allocate. A compiled
- * pattern numbers its lists densely and spends at least four bytes on every
- * entry, so it stays far below; a small hostile file cannot allocate
- * gigabytes. */
-constexpr std::uint64_t kAllowance = std::uint64_t(1) << 20;
-
 /* Walks the `count` list headers of a section body from its start: each
  * header and the list's `size` bytes must lie inside the body (else false).
  * on_list(number, size, entries, cursor) gets each list with the cursor on

@@ -582,10 +582,9 @@ TAZE_API int TAZE_PatternGetStringList(TAZE *pTAZE, int idx, int ptntype, TAZE_S
 {
     taz_pattern_st *sp = nullptr;
     if (!list || idx < 0 || TAZE_PatternGetByType(pTAZE, ptntype, &sp) != 0) return PARA_ERR;
-    UINT32 count = 0;
-    const str_list_st *all = family_lists<str_list_st>(sp, MT_STRING, &count);
-    if (static_cast<UINT32>(idx) >= count || !all) return PARA_ERR;
-    const str_list_st &found = all[idx];
+    const str_list_st *chosen = family_list<str_list_st>(sp, MT_STRING, static_cast<UINT32>(idx));
+    if (!chosen) return PARA_ERR;
+    const str_list_st &found = *chosen;
     list->nr_strings = found.nr_strings;
     list->strings = reinterpret_cast<TAZE_CountedString *>(found.strings);
     return 0;

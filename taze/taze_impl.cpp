@@ -35,18 +35,34 @@ constexpr std::uint64_t kListHeader = sizeof(taz_pattern_hdr_st);
 static_assert(kSectionHeader == 16 && kListHeader == 12, "on-disk header sizes");
 static_assert(sizeof(ipv6_st) == 16, "an IPv6 address is stored as 16 bytes");
 
-using taze::kAllowance;
 using taze::read_field;
 
+/* Bytes that the arrays of one image may still take: list records, list
+ * numbers, entry arrays and value arrays, each allocation counted with its
+ * size, and the arrays of the info sections (taz_share_budget). A compiled
+ * pattern spends at least a quarter of these bytes on disk (the costliest
+ * case is a map entry with an empty string key and no values: 9 bytes on
+ * disk, with its list's 12-byte header at least 21, for a 32-byte entry, a
+ * 16-byte list record and a 4-byte value array), so a budget of four bytes
+ * per payload byte and a small allowance refuses only files whose lists or
+ * records overlap, which no writer produces. */
 struct Budget {
-    std::uint64_t records;
-    std::uint64_t elements;
+    std::uint64_t bytes;
+
+    static constexpr std::uint64_t kPerPayloadByte = 4;
+    static constexpr std::uint64_t kAllowanceBytes = 64 * 1024;
 
     static bool take(std::uint64_t &left, std::uint64_t n)
     {
         if (n > left) return false;
         left -= n;
         return true;
+    }
+    /* Charges an array of n elements of T. */
+    template <typename T>
+    bool take_array(std::uint64_t n)
+    {
+        return n <= bytes / sizeof(T) && take(bytes, n * sizeof(T));
     }
 };
 
@@ -139,8 +155,8 @@ struct MapEntry {
     static constexpr UINT32 Entry::*value_count = N;
     static constexpr Value *Entry::*value_array = V;
 
-    /* One entry; with dst null the checking pass (which charges the element
-     * budget), else the copying pass into dst. */
+    /* One entry; with dst null the checking pass (the list's value array is
+     * charged for the total it counts), else the copying pass into dst. */
     static bool parse(Entry &e, LeCursor &c, Scope &s, Value *dst)
     {
         UINT32 nr = 0;
@@ -150,8 +166,7 @@ struct MapEntry {
          * readable from the section start. */
         LeCursor values(c.base(), reads_past_section<Value> ? std::max(s.avail, c.size()) : c.size(), c.pos());
         if (!count_fits(nr, section_check_bytes<Value>, c.remaining()) ||
-            !count_fits(nr, disk_min<Value>, values.remaining()) ||
-            (dst == nullptr && !Budget::take(s.budget->elements, nr)))
+            !count_fits(nr, disk_min<Value>, values.remaining()))
             return false;
         Value scratch{};
         for (UINT32 j = 0; j < nr; ++j)
@@ -242,7 +257,8 @@ void taz_unload_list_ptns(typename L::record *recs, std::uint64_t limit)
 template <typename L>
 bool load_list(typename L::record &r, LeCursor &c, UINT32 n, Scope &s)
 {
-    if (!count_fits(n, L::min_bytes, c.remaining()) || !Budget::take(s.budget->elements, n)) return false;
+    if (!count_fits(n, L::min_bytes, c.remaining()) || !s.budget->template take_array<typename L::elem>(n))
+        return false;
     release_record<L>(r); /* a list number given twice: the later list replaces the earlier */
     auto *entries = alloc_zeroed<typename L::elem>(n);
     if (entries == nullptr) return false;
@@ -255,6 +271,7 @@ bool load_list(typename L::record &r, LeCursor &c, UINT32 n, Scope &s)
             if (!L::parse(entries[j], c, s, nullptr)) return false;
             total += entries[j].*L::value_count;
         }
+        if (!s.budget->template take_array<typename L::value>(total + 1)) return false;
         auto *pool = alloc_zeroed<typename L::value>(total + 1);
         if (pool == nullptr) return false;
         c.seek(start);
@@ -274,30 +291,49 @@ bool load_list(typename L::record &r, LeCursor &c, UINT32 n, Scope &s)
     return true;
 }
 
-template <typename L>
-bool walk_lists(typename L::record *recs, std::uint64_t usable, const unsigned char *ptn_buf, UINT32 ptn_len,
-                UINT32 count, Scope &s)
+/* Loads the lists of a section into the records that place(number) gives
+ * (null: a number without a record). Empty lists are skipped. On failure the
+ * nrecs records are left empty. */
+template <typename L, typename Place>
+bool load_lists(typename L::record *recs, std::uint64_t nrecs, Place &&place, const unsigned char *ptn_buf,
+                UINT32 ptn_len, UINT32 count, Scope &s)
 {
-    return taze::walk_list_headers(ptn_buf, ptn_len, count, [&](UINT32 number, UINT32, UINT32 n, LeCursor &c) {
-        /* Lists numbered beyond the records, and empty lists, are skipped. */
-        return !(number < usable && n != 0) || load_list<L>(recs[number], c, n, s);
+    const bool ok = taze::walk_list_headers(ptn_buf, ptn_len, count, [&](UINT32 number, UINT32, UINT32 n, LeCursor &c) {
+        if (n == 0) return true;
+        typename L::record *r = place(number);
+        return r == nullptr || load_list<L>(*r, c, n, s);
     });
+    if (!ok) taz_unload_list_ptns<L>(recs, nrecs);
+    return ok;
 }
 
-/* (first argument, list records, section body, section size, list count,
- * records available) -> 0, or -1 with the family's records left empty. */
-template <typename L>
-int taz_load_list_ptns(const void *first, typename L::record *recs, const unsigned char *ptn_buf, UINT32 ptn_len,
-               UINT32 count, INT32 limit, Scope &s)
+/* How a section numbers its lists: one past the highest number (a list
+ * numbered 0xFFFFFFFF counts for nothing; 0 when a list header runs past
+ * the section, as taz_get_max_list_count answers), the list headers and,
+ * of them, the non-empty lists. */
+struct Numbering {
+    UINT32 max = 0;
+    std::uint64_t headers = 0;
+    std::uint64_t filled = 0;
+};
+
+Numbering numbering(const unsigned char *body, UINT32 size, UINT32 count)
 {
-    if (!args_ok<L::pre>(first, ptn_buf, ptn_len)) return -1;
-    if (count == 0) return 0;
-    const std::uint64_t usable = limit > 0 ? std::uint64_t(limit) : 0;
-    if (recs == nullptr && usable != 0) return -1;
-    if (walk_lists<L>(recs, usable, ptn_buf, ptn_len, count, s)) return 0;
-    taz_unload_list_ptns<L>(recs, usable);
-    return -1;
+    Numbering n;
+    const bool whole = taze::walk_list_headers(body, size, count, [&n](UINT32 number, UINT32, UINT32 entries, LeCursor &) {
+        n.max = std::max(n.max, UINT32(number + 1u));
+        ++n.headers;
+        n.filled += entries != 0 && number != UINT32_MAX;
+        return true;
+    });
+    if (!whole) n = Numbering{};
+    return n;
 }
+
+/* Gaps of list numbers that a dense list array may hold besides one record
+ * per list header: up to this many records, a dense array costs at most a
+ * kilobyte more than the section's headers take on disk. */
+constexpr std::uint64_t kDenseSlack = 64;
 
 /* ---- Section kinds ------------------------------------------------------------ */
 constexpr unsigned kMain = taze::Main, kSecond = taze::Second, kBoth = taze::Both;
@@ -318,8 +354,9 @@ struct SectionKind {
     SectionRelease release; /* run by the image release, in table order */
 };
 
-/* A list, range or map family held in the image as (list array, list count). */
-template <auto Lists, auto Count>
+/* A list, range or map family held in the image as (list array, list count,
+ * where the records stand: families.h). */
+template <auto Lists, auto Count, auto Numbers>
 struct Family {
     using Rec = std::remove_pointer_t<std::remove_reference_t<decltype(std::declval<Image &>().*Lists)>>;
     using L = layout_of<Rec>;
@@ -330,29 +367,58 @@ struct Family {
         std::free(ptn->*Lists);
         ptn->*Lists = nullptr;
         ptn->*Count = 0;
+        std::free((ptn->*Numbers).numbers);
+        ptn->*Numbers = taz_list_numbers_st{};
     }
 
+    /* The list array: one record per number below max when the numbers are
+     * dense, else one per number that a non-empty list uses. */
     static int load(Walk &w, const unsigned char *body, UINT32 size, UINT32 count)
     {
         Image *ptn = w.ptn;
         release(ptn); /* a second section of this kind replaces the first */
-        const UINT32 max = taz_get_max_list_count(body, size, count);
-        if (max > UINT32(INT32_MAX) || !Budget::take(w.budget.records, max)) return -1;
-        Rec *recs = alloc_zeroed<Rec>(max);
+        const Numbering nb = numbering(body, size, count);
+        const UINT32 max = nb.max;
+        if (max > UINT32(INT32_MAX)) return -1;
+        const bool dense = max <= nb.headers + kDenseSlack;
+        UINT32 *numbers = nullptr;
+        std::uint64_t nrecs = max;
+        if (!dense) {
+            if (!w.budget.take_array<UINT32>(nb.filled)) return -1;
+            numbers = alloc_zeroed<UINT32>(nb.filled);
+            if (numbers == nullptr) return -1;
+            std::uint64_t k = 0;
+            taze::walk_list_headers(body, size, count, [&](UINT32 number, UINT32, UINT32 n, LeCursor &) {
+                if (n != 0 && number != UINT32_MAX && k < nb.filled) numbers[k++] = number;
+                return true;
+            });
+            std::sort(numbers, numbers + k);
+            nrecs = UINT32(std::unique(numbers, numbers + k) - numbers);
+            ptn->*Numbers = taz_list_numbers_st{numbers, max};
+        }
+        if (!w.budget.take_array<Rec>(nrecs)) return -1;
+        Rec *recs = alloc_zeroed<Rec>(nrecs);
         if (recs == nullptr) return -1;
         ptn->*Lists = recs;
-        ptn->*Count = max;
+        ptn->*Count = UINT32(nrecs);
         Scope s{UINT32(ptn->ptn_len - UINT32(body - ptn->ptn_buf)), &w.budget};
         /* The image stands for the loader's first argument: it and the list
          * array are both present here. */
-        return taz_load_list_ptns<L>(ptn, recs, body, size, count, INT32(max), s);
+        if (!args_ok<L::pre>(ptn, body, size)) return -1;
+        const auto place = [&](UINT32 number) -> Rec * {
+            if (number >= max) return nullptr;
+            if (dense) return &recs[number];
+            const UINT32 *at = std::lower_bound(numbers, numbers + nrecs, number);
+            return at != numbers + nrecs && *at == number ? &recs[at - numbers] : nullptr;
+        };
+        return count == 0 || load_lists<L>(recs, nrecs, place, body, size, count, s) ? 0 : -1;
     }
 };
 
-template <auto Lists, auto Count>
+template <auto Lists, auto Count, auto Numbers>
 constexpr SectionKind lists(UINT32 magic, unsigned kinds)
 {
-    return {magic, kinds, &Family<Lists, Count>::load, &Family<Lists, Count>::release};
+    return {magic, kinds, &Family<Lists, Count, Numbers>::load, &Family<Lists, Count, Numbers>::release};
 }
 
 using InfoLoad = int (*)(Image *, const unsigned char *, UINT32, UINT32);
@@ -375,7 +441,7 @@ constexpr SectionKind info(UINT32 magic, unsigned kinds, SectionRelease release)
  * magics, "CMPR" at section level among them, are skipped. */
 constexpr SectionKind kSections[] = {
 #define TAZ_SECTION_ROW(field, count, record, magic, key, value, cs, kinds) \
-    lists<&Image::field, &Image::count>(magic, taze::Kinds::kinds),
+    lists<&Image::field, &Image::count, &Image::field##_numbers>(magic, taze::Kinds::kinds),
     TAZ_FAMILIES(TAZ_SECTION_ROW)
 #undef TAZ_SECTION_ROW
     info<taz_load_rule_info_ptns>(MAGIC_TAZE_PATTERN_RULE_INFO, kBoth, taz_unload_rule_info_ptns),
@@ -413,7 +479,12 @@ int walk_sections(Image *ptn, unsigned kind)
 {
     if (ptn == nullptr || (ptn->ptn_buf == nullptr && ptn->ptn_len != 0)) return -1;
     const UINT32 len = ptn->ptn_len;
-    Walk w{ptn, {kAllowance + len, kAllowance + len}};
+    Walk w{ptn, {Budget::kPerPayloadByte * len + Budget::kAllowanceBytes}};
+    /* The info sections draw on the same budget. */
+    struct Share {
+        std::uint64_t *prev;
+        ~Share() { taz_share_budget(prev); }
+    } share{taz_share_budget(&w.budget.bytes)};
     LeCursor c(ptn->ptn_buf, len);
     /* Fewer than 16 trailing bytes are ignored. */
     while (c.has(kSectionHeader)) {

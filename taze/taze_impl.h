@@ -19,6 +19,10 @@ void taz_unload_pattern(taz_pattern_st *ptn);
 int taz_pattern_init(taz_pattern_st *ptn);
 void taz_pattern_fini(taz_pattern_st *ptn);
 UINT32 taz_get_max_list_count(const unsigned char *ptn_buf, UINT32 ptn_len, UINT32 count);
+/* Makes the info section loaders on this thread charge their arrays to
+ * *bytes_left (null: each section has a budget of its own) and returns the
+ * previous setting; a section walk shares its budget this way. */
+uint64_t *taz_share_budget(uint64_t *bytes_left);
 
 taz_pattern_st *ulm_load_pattern(const unsigned char *buf, UINT32 len);
 void ulm_unload_pattern(taz_pattern_st *ptn);

@@ -27,25 +27,32 @@ using Str = const unsigned char *;
  * array is at least this long, so n of them need 4 * n bytes. */
 constexpr std::uint64_t kMinStride = 4;
 
-/* Elements that the arrays of one section may hold in all. Records can
- * overlap (RL only gives the stride; the fields are read whatever it says),
- * so without a cap every record of a small section could claim an array as
+/* Bytes that the arrays of one section may take in all. Records can overlap
+ * (RL only gives the stride; the fields are read whatever it says), so
+ * without a cap every record of a small section could claim an array as
  * long as the rest of the section, and the section would allocate the
- * square of its size. A well-formed section stays far below this. */
-using taze::kAllowance;
+ * square of its size. Inside a section walk the arrays draw on the walk's
+ * budget (taz_share_budget), which the list arrays share; a section loaded
+ * on its own gets three bytes per section byte and a small allowance. A
+ * well-formed record spends at least half its array bytes on disk, so both
+ * stay far above what a compiled pattern needs. */
+constexpr std::uint64_t kSectionBytesPerByte = 3;
+constexpr std::uint64_t kSectionAllowanceBytes = 64 * 1024;
 
-/* The allowance left to the section being loaded on this thread (null
- * outside a section loader). */
-thread_local std::uint64_t *t_elements_left = nullptr;
+/* The budget left to the section being loaded on this thread (null outside
+ * a section loader and a section walk). */
+thread_local std::uint64_t *t_bytes_left = nullptr;
 
-/* Grants a section loader its allowance for as long as it runs. */
+/* Grants a section loader its budget for as long as it runs, unless a
+ * section walk already shares its own. */
 class SectionAllowance {
 public:
-    explicit SectionAllowance(UINT32 len) : left_(kAllowance + len), saved_(t_elements_left)
+    explicit SectionAllowance(UINT32 len)
+        : left_(kSectionBytesPerByte * len + kSectionAllowanceBytes), saved_(t_bytes_left)
     {
-        t_elements_left = &left_;
+        if (t_bytes_left == nullptr) t_bytes_left = &left_;
     }
-    ~SectionAllowance() { t_elements_left = saved_; }
+    ~SectionAllowance() { t_bytes_left = saved_; }
     SectionAllowance(const SectionAllowance &) = delete;
     SectionAllowance &operator=(const SectionAllowance &) = delete;
 
@@ -54,14 +61,25 @@ private:
     std::uint64_t *saved_;
 };
 
-/* Takes n elements from the allowance of the current section. */
-bool take_elements(std::uint64_t n)
+/* Takes an array of n elements of slot bytes from the current budget. */
+bool take_elements(std::uint64_t n, std::size_t slot)
 {
-    if (t_elements_left == nullptr) return true;
-    if (n > *t_elements_left) return false;
-    *t_elements_left -= n;
+    if (t_bytes_left == nullptr) return true;
+    if (n > *t_bytes_left / (slot ? slot : 1)) return false;
+    *t_bytes_left -= n * slot;
     return true;
 }
+
+} // namespace
+
+std::uint64_t *taz_share_budget(std::uint64_t *bytes_left)
+{
+    std::uint64_t *prev = t_bytes_left;
+    t_bytes_left = bytes_left;
+    return prev;
+}
+
+namespace {
 
 /* The threat-type array holds 16 bytes per entry, twice an entry's size;
  * the entries lie packed in the first half. */
@@ -111,7 +129,7 @@ template <typename T, typename Read>
 bool fill_array(LeCursor &c, UINT32 n, UINT32 &nr, T *&arr, Read &&read,
                 std::size_t slot = sizeof(T))
 {
-    if (!count_fits(n, kMinStride, c.remaining()) || !take_elements(n)) return false;
+    if (!count_fits(n, kMinStride, c.remaining()) || !take_elements(n, slot)) return false;
     arr = static_cast<T *>(taz_alloc_zeroed(n, slot));
     if (!arr) return false;
     nr = n;

@@ -124,9 +124,10 @@ typedef struct taz_threat_type_info_list_st {
 typedef struct taz_pattern_st taz_pattern_st;
 #endif
 
-/* Each list, range and map family is a list array and its count
- * (families.h), in table order. */
-#define TAZ_IMAGE_FIELDS(field, count, record, ...) record *field; UINT32 count;
+/* Each list, range and map family is a list array, its count (one past the
+ * highest list number) and where its records stand (families.h), in table
+ * order. */
+#define TAZ_IMAGE_FIELDS(field, count, record, ...) record *field; UINT32 count; taz_list_numbers_st field##_numbers;
 
 struct taz_pattern_st {
     TAZ_FAMILIES(TAZ_IMAGE_FIELDS)

@@ -148,35 +148,29 @@ int risk_info(const Pattern *sp, Fn fn, unsigned int *policy_id, unsigned int *s
 
 /* ---- the image's list arrays -------------------------------------------- */
 
-/* The list array of the family of record List that `map_type` names
+/* List `number` of the family of record List that `map_type` names
  * (families.h), or of the record's first family (the exact one) when none
- * does; its count goes to *count. */
+ * does: null when the number is not below that family's list count, the
+ * empty list for a number below it that a sparse family does not hold. */
 template <typename List>
-List *family_lists(const Pattern *p, int map_type, UINT32 *count)
+List *family_list(const Pattern *p, int map_type, UINT32 number)
 {
     List *first = nullptr, *pick = nullptr;
-    UINT32 first_count = 0;
     bool seen = false, found = false;
     taze::each_family<Pattern>([&](auto f) {
         using F = decltype(f);
         if constexpr (std::is_same_v<typename F::record, List>) {
             if (!seen) {
                 seen = true;
-                first = p->*F::lists;
-                first_count = p->*F::count;
+                first = F::at(*p, number);
             }
             if (!found && taze::map_type_of(F::row) == map_type) {
                 found = true;
-                pick = p->*F::lists;
-                *count = p->*F::count;
+                pick = F::at(*p, number);
             }
         }
     });
-    if (!found) {
-        pick = first;
-        *count = first_count;
-    }
-    return pick;
+    return found ? pick : first;
 }
 
 /* ---- string and range lists ---------------------------------------------- */
@@ -196,10 +190,9 @@ int search_list(TAZE *h, int idx, Key key, int ptntype, int (*search)(Key, const
     if (ptntype != PT_TAZ && ptntype != PT_ULM) return idx < 0 ? PARA_ERR : 0;
     const Pattern *sp = ptntype == PT_TAZ ? h->pTAZPattern->taz_ptn : h->pTAZPattern->ulm_ptn;
     if (!sp || idx < 0) return PARA_ERR;
-    UINT32 count = 0;
-    const List *all = family_lists<List>(sp, MT_STRING, &count);
-    if (static_cast<UINT32>(idx) >= count || !all) return 0;
-    return taze::fast::list_search(sp, &all[idx], key, search); /* the list's index, else search */
+    const List *list = family_list<List>(sp, MT_STRING, static_cast<UINT32>(idx));
+    if (!list) return 0;
+    return taze::fast::list_search(sp, list, key, search); /* the list's index, else search */
 }
 
 /* ---- map lists ----------------------------------------------------------- */
@@ -208,10 +201,9 @@ template <typename List>
 int select_map_list(Pattern *ptn, int map_type, int list_number, List **list)
 {
     if (!ptn || !list) return PARA_ERR;
-    UINT32 count = 0;
-    List *all = family_lists<List>(ptn, map_type, &count);
-    if (list_number < 0 || static_cast<UINT32>(list_number) >= count || !all) return PARA_ERR;
-    *list = &all[list_number];
+    List *found = list_number < 0 ? nullptr : family_list<List>(ptn, map_type, static_cast<UINT32>(list_number));
+    if (!found) return PARA_ERR;
+    *list = found;
     return 0;
 }
 

@@ -1,10 +1,11 @@
-/* A counting allocator for test and benchmark programs: replaces malloc and
- * friends of the whole program with the C library's own, and keeps the bytes
- * held by live allocations (usable sizes) and the highest value seen.
+/* A counting allocator for test, benchmark and fuzz programs: replaces
+ * malloc and friends of the whole program with the C library's own, and
+ * keeps the bytes held by live allocations (usable sizes) and the highest
+ * value seen. Sanitizer builds bring their own allocator: there its malloc
+ * and free hooks count the requested sizes instead.
  *
- * Include it in exactly one source file of a program. Sanitizer builds bring
- * their own allocator: there nothing is replaced and TAZT_COUNTING stays
- * undefined. */
+ * Include it in exactly one source file of a program. It also holds the
+ * bound that one load may allocate. */
 #ifndef TAZE_COUNTING_ALLOC_H
 #define TAZE_COUNTING_ALLOC_H
 
@@ -53,7 +54,53 @@ template <typename... A>
 
 } // namespace
 
-#ifndef TAZT_SANITIZED
+/* What loading a file of file_size bytes may allocate at its peak: four
+ * times the file plus 1 MiB. Files made mostly of the cheapest entries
+ * (lists of empty strings, map entries with empty keys) need more, within
+ * kCornerBytesPerByte times the file plus 1 MiB (docs/design.md, "Hostile
+ * pattern files"). */
+constexpr long long kLoadBytesPerByte = 4;
+constexpr long long kCornerBytesPerByte = 5;
+constexpr long long kLoadConstantBytes = 1ll << 20;
+[[maybe_unused]] constexpr long long load_bound(std::size_t file_size, bool corner = false)
+{
+    return (corner ? kCornerBytesPerByte : kLoadBytesPerByte) * static_cast<long long>(file_size) +
+           kLoadConstantBytes;
+}
+
+/* The peak of the bytes that f() held at any moment above those held before. */
+template <typename F>
+long long peak_of(F &&f)
+{
+    const long long before = g_live.load();
+    g_peak = before;
+    f();
+    return g_peak.load() - before;
+}
+
+#ifdef TAZT_SANITIZED
+#define TAZT_COUNTING 1
+extern "C" {
+int __sanitizer_install_malloc_and_free_hooks(void (*)(const volatile void *, size_t),
+                                              void (*)(const volatile void *));
+size_t __sanitizer_get_allocated_size(const volatile void *p);
+}
+namespace {
+void hook_malloc(const volatile void *p, size_t n)
+{
+    if (!p) return;
+    const long long now = g_live += static_cast<long long>(n);
+    long long peak = g_peak.load();
+    while (now > peak && !g_peak.compare_exchange_weak(peak, now)) {
+    }
+}
+void hook_free(const volatile void *p)
+{
+    if (p) g_live -= static_cast<long long>(__sanitizer_get_allocated_size(p));
+}
+[[maybe_unused]] const int g_hooks = __sanitizer_install_malloc_and_free_hooks(hook_malloc, hook_free);
+} // namespace
+#else
 #define TAZT_COUNTING 1
 extern "C" {
 void *__libc_malloc(size_t n);

@@ -29,7 +29,8 @@ Bytes main_lists()
         /* List 1: "a" is a prefix of "abc", so the halving can step over it. */
         string_section(kind::PRE, {{0, {"WWW.", "http://", "ab", "ftp"}}, {1, {"b", "abc", "a"}}}),
         string_section(kind::SUF, {{0, {"com", ".backup.log", "net", ".example.org", "x.io"}}, {1, {"zb", "b", "ab"}}}),
-        string_section(kind::SUB, {{0, {"evil", "Bad", ""}}}),
+        /* Lists 0 and 500000 only: held sparse. */
+        string_section(kind::SUB, {{0, {"evil", "Bad", ""}}, {500000, {"far"}}}),
         string_section(kind::CASE, {{0, {"beta", "Alpha", "\xFF\x80", "Zeta"}}}),
         string_section(kind::PRCA, {{0, {"http", "\xC3\xA9", "Ab"}}}),
         string_section(kind::SFCA, {{0, {"txt", ".Log", "\xA9"}}}),
@@ -104,6 +105,10 @@ TEST(ApiLists, StringListKinds)
         {"substring folded", substr, 0, "thisISEVILstuff", 1}, {"substring second entry", substr, 0, "xbAdx", 1},
         {"substring key shorter than the entries", substr, 0, "ba", 0}, {"substring empty key", substr, 0, "", 0},
         {"substring empty entry matches nothing", substr, 0, "nothing", 0},
+        {"substring sparse highest list", substr, 500000, "xFARx", 1},
+        {"substring sparse omitted list", substr, 499999, "far", 0},
+        {"substring sparse omitted list 1", substr, 1, "evil", 0},
+        {"substring sparse list count", substr, 500001, "far", 0},
 
         {"case exact", cs_exact, 0, "Alpha", 1}, {"case exact is not folded", cs_exact, 0, "alpha", 0},
         {"case exact lower-case entry", cs_exact, 0, "beta", 1},
@@ -303,6 +308,8 @@ TEST(ApiLists, GetStringList)
     tazt::Handle empty = tazt::new_handle();
     tazt::Handle main = tazt::load_payload(main_lists());
     tazt::Handle both = tazt::load_payload(main_lists(), second_lists());
+    /* Few lists with far-apart numbers: held sparse, answered as if dense. */
+    tazt::Handle sparse = tazt::load_payload(string_section(kind::STR, {{7, {"seven"}}, {5, {}}, {1000000, {"far"}}}));
     const std::vector<std::string> none;
     struct Case {
         const char *name;
@@ -313,6 +320,12 @@ TEST(ApiLists, GetStringList)
         {"list 0", main.get(), 0, PT_TAZ, 0, stored_order(kind::STR, kExact)},
         {"omitted list", main.get(), 1, PT_TAZ, 0, none}, {"empty list", main.get(), 2, PT_TAZ, 0, none},
         {"highest list", main.get(), 3, PT_TAZ, 0, {"three"}}, {"second kind", both.get(), 0, PT_ULM, 0, {"second"}},
+        {"sparse: highest list", sparse.get(), 1000000, PT_TAZ, 0, {"far"}},
+        {"sparse: lowest list", sparse.get(), 7, PT_TAZ, 0, {"seven"}},
+        {"sparse: empty list", sparse.get(), 5, PT_TAZ, 0, none},
+        {"sparse: omitted lists", sparse.get(), 999999, PT_TAZ, 0, none},
+        {"sparse: omitted list 0", sparse.get(), 0, PT_TAZ, 0, none},
+        {"sparse: list count", sparse.get(), 1000001, PT_TAZ, PARA_ERR, none},
         {"list count", main.get(), 4, PT_TAZ, PARA_ERR, none},
         {"negative number", main.get(), -1, PT_TAZ, PARA_ERR, none},
         {"unknown kind", main.get(), 0, 2, PARA_ERR, none},

@@ -292,7 +292,10 @@ Bytes number_maps()
 {
     const std::vector<tazw::IPv6IntEntry> by_address = {{kB, {30}}, {kA, {10, 20}}, {kC, {40}}};
     const std::vector<tazw::IntIntEntry> by_integer = {{7, {8}}, {1, {5, 6}}, {0x7FFFFFFFu, {9}}, {0, {4}}, {3, {}}};
-    return tazw::concat({map_section(kind::I6IM, by_address, 0), map_section(kind::IIM, by_integer, 0)});
+    /* Integer lists 0 and 300000 only: held sparse. */
+    const std::vector<tazw::IntIntEntry> far = {{5, {6}}};
+    return tazw::concat({map_section(kind::I6IM, by_address, 0),
+                         tazw::section(kind::IIM, 2, tazw::concat({map_list(0, by_integer, 0), map_list(300000, far, 0)}))});
 }
 
 TEST(ApiMaps, AddressToIntegers)
@@ -319,11 +322,15 @@ TEST(ApiMaps, IntegerToIntegers)
     run(h.get(), PT_TAZ, kII,
         {
             X::search(0, 1, 6, 1), X::search(0, 1, 7, 0), X::search(0, 2, 5, -1), X::search(0, 0x7FFFFFFFu, 9, 1),
-            X::search(0, 0, 4, 1), X::search(0, 3, 0, 0), X::search(0, 1, 5, PARA_ERR, 1),
+            X::search(0, 0, 4, 1), X::search(0, 3, 0, 0), X::search(0, 1, 5, PARA_ERR, 300001),
             /* The map type is ignored. */
             X::by_key(MT_SUBSTR, 7, 0, "7=8"), X::by_key(12345, 1, 0, "1=5,6"), X::by_key(0, 2, -1, "{}"),
-            X::by_key(0, 7, PARA_ERR, nullptr, 1),
-            X::count(0, 5), X::count(MT_SUFFIX, 5), X::count(-1, 5), X::count(0, PARA_ERR, 1),
+            X::by_key(0, 7, PARA_ERR, nullptr, 300001),
+            X::count(0, 5), X::count(MT_SUFFIX, 5), X::count(-1, 5), X::count(0, PARA_ERR, 300001),
+            /* The sparse list, and omitted lists below it: empty. */
+            X::search(0, 5, 6, 1, 300000), X::by_key(0, 5, 0, "5=6", 300000), X::count(0, 1, 300000),
+            X::count(0, 0, 299999), X::search(0, 5, 6, -1, 1), X::by_key(0, 5, -1, "{}", 1),
+            X::by_index(0, 0, -1, "{}", 299999),
             X::by_index(0, 0, 0, "0=4"), X::by_index(0, 1, 0, "1=5,6"), X::by_index(MT_PREFIX, 2, 0, "3="),
             X::by_index(0, 4, 0, "2147483647=9"), X::by_index(0, 5, -1, "{}"), X::by_index(0, -1, -1, "{}"),
         });

@@ -243,6 +243,44 @@ TEST(SectionWalk, SectionsListNumbersAndStrings)
     EXPECT_EQ(cap.finish(), "") << "the overrun message needs the error bit";
 }
 
+/* A section whose highest list number exceeds its list headers by more than
+ * 64 keeps one record per number that a non-empty list uses; every number
+ * answers as a dense array would. */
+TEST(SectionWalk, SparseListNumbers)
+{
+    using Lists = std::vector<std::pair<UINT32, std::vector<std::string>>>;
+    const struct {
+        const char *name;
+        Bytes payload;
+        bool sparse;
+        UINT32 lists, records;
+        Lists expect; /* strings of some list numbers */
+    } cases[] = {
+        {"highest number at the dense limit", str_section(1, strs(64, {"a"})), false, 65, 65, {{64, {"a"}}, {0, {}}}},
+        {"one past the dense limit", str_section(1, strs(65, {"a"})), true, 66, 1, {{65, {"a"}}, {64, {}}, {0, {}}}},
+        {"empty lists, a number given twice, 0xFFFFFFFF",
+         str_section(5, concat({strs(900, {"x"}), list(70, 0, {}), strs(300, {"y"}), strs(900, {"z", "zz"}),
+                                strs(0xFFFFFFFF, {"g"})})),
+         true, 901, 2, {{900, {"z", "zz"}}, {300, {"y"}}, {70, {}}, {899, {}}, {301, {}}, {0, {}}}},
+        {"only empty lists", str_section(1, list(5000, 0, {})), true, 5001, 0, {{4999, {}}, {5000, {}}}},
+    };
+    for (const auto &c : cases) {
+        SCOPED_TRACE(c.name);
+        const ImagePtr img = load(c.payload);
+        ASSERT_TRUE(img);
+        const taz_list_numbers_st &where = img->string_lists_numbers;
+        EXPECT_EQ(where.numbers != nullptr, c.sparse);
+        EXPECT_EQ(img->max_string_list_count, c.records);
+        ASSERT_EQ(taze::list_count(img->max_string_list_count, where), c.lists);
+        EXPECT_EQ(taze::list_at(img->string_lists, img->max_string_list_count, where, c.lists), nullptr);
+        for (const auto &[n, strings] : c.expect) {
+            const str_list_st *l = taze::list_at(img->string_lists, img->max_string_list_count, where, n);
+            ASSERT_NE(l, nullptr) << "list " << n;
+            EXPECT_EQ(texts(l->strings, l->nr_strings), strings) << "list " << n;
+        }
+    }
+}
+
 TEST(RangeLists, EntriesAreCopied)
 {
     ImagePtr img = load(concat({
@@ -360,7 +398,6 @@ Bytes overlapping_port_lists(std::uint32_t k, std::uint32_t n)
 
 TEST(Hostile, MalformedSectionsFailCleanly)
 {
-    const std::uint32_t cap = (1u << 20) + 34; /* list-record cap of a 34-byte payload */
     auto entry = [](UINT32 magic, LeBuf e) { return section(magic, 1, list(0, 1, e.take())); };
     const UINT32 INT_INT = MAGIC_TAZE_PATTERN_INT_INT_MAP, STR_STR = MAGIC_TAZE_PATTERN_STR_STR_MAP,
                  STR_IPV6 = MAGIC_TAZE_PATTERN_STR_IPV6_MAP;
@@ -376,10 +413,10 @@ TEST(Hostile, MalformedSectionsFailCleanly)
         {"huge string count", str_section(1, list(0, 0xFFFFFFFFu, string_entries({"a"}))), false},
         {"huge list count", str_section(0xFFFFFFFFu, strs(0, {"a"})), false},
         {"huge list number", str_section(1, strs(0xFFFFFFFEu, {"a"})), false},
-        {"list number at the record cap", str_section(1, strs(cap - 1, {"a"})), true},
-        {"list number past the record cap", str_section(1, strs(cap, {"a"})), false},
-        {"overlapping lists within the entry budget", overlapping_port_lists(10, 3000), true},
-        {"overlapping lists beyond the entry budget", overlapping_port_lists(1000, 3000), false},
+        {"list number 2^31-2: one record", str_section(1, strs(0x7FFFFFFEu, {"a"})), true},
+        {"list number 2^31-1", str_section(1, strs(0x7FFFFFFFu, {"a"})), false},
+        {"overlapping lists within the memory budget", overlapping_port_lists(10, 1000), true},
+        {"overlapping lists beyond the memory budget", overlapping_port_lists(1000, 3000), false},
         {"IPv4 list of 3 holding 2 1/2 entries", section(MAGIC_TAZE_PATTERN_IP, 1, list(0, 3, Bytes(20, 1))), false},
         {"IPv6 range cut short", section(MAGIC_TAZE_PATTERN_IPV6, 1, list(0, 1, Bytes(31, 1))), false},
         {"huge integer value count", entry(INT_INT, LeBuf().u32(1).u32(0xFFFFFFFFu).u32(5)), false},

@@ -9,6 +9,7 @@
 #ifndef TAZE_INSPECT_H
 #define TAZE_INSPECT_H
 
+#include <algorithm>
 #include <cstdint>
 #include <memory>
 #include <string>
@@ -149,12 +150,42 @@ struct Span {
     const T &operator[](std::size_t i) const { return data[i]; }
 };
 
-/* A family's list array as the image holds it. */
+/* A family's lists as the image holds them: `size` is the list count;
+ * lists[n] is list number n (an empty record where a sparse array holds
+ * none); the stored records, from which only empty lists are missing, are
+ * stored() and their numbers number_at(k). */
+template <typename L>
+struct ListView {
+    const L *data = nullptr;
+    std::uint32_t records = 0;
+    taz_list_numbers_st where{};
+    std::uint32_t size = taze::list_count(records, where);
+    const L &operator[](std::uint32_t n) const { return *taze::list_at(data, records, where, n); }
+    Span<L> stored() const { return Span<L>(data, records); }
+    std::uint32_t number_at(std::uint32_t k) const { return where.numbers ? where.numbers[k] : k; }
+    const L *begin() const { return stored().begin(); }
+    const L *end() const { return stored().end(); }
+};
+
 template <typename L>
 struct ListArray {
     using List = L;
-    Span<L> lists;
+    ListView<L> lists;
 };
+
+/* The numbers below the list count of a family's stored records and of
+ * `listed`, ascending and each once. */
+template <typename L, typename Listed>
+std::vector<std::uint32_t> list_numbers(const ListView<L> &v, const Listed &listed)
+{
+    std::vector<std::uint32_t> out;
+    for (std::uint32_t n : listed)
+        if (n < v.size) out.push_back(n);
+    for (std::uint32_t k = 0; k < v.stored().size; ++k) out.push_back(v.number_at(k));
+    std::sort(out.begin(), out.end());
+    out.erase(std::unique(out.begin(), out.end()), out.end());
+    return out;
+}
 
 using AnyLists =
     std::variant<ListArray<str_list_st>, ListArray<str_prefix_list_st>, ListArray<str_suffix_list_st>,

@@ -184,7 +184,7 @@ tazc::Kind kind_of_image(const taz_pattern_st &image, bool second_kind)
         tazc::FamilyLists fl{f.family, {}};
         std::visit(
             [&](const auto &a) {
-                for (std::uint32_t n = 0; n < a.lists.size; ++n)
+                for (std::uint32_t n : list_numbers(a.lists, numbers))
                     if (numbers.count(n) || elements(a.lists[n]).size > 0)
                         fl.lists.push_back(tazc::NumberedList{n, list_data(a.lists[n])});
             },

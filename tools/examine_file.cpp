@@ -433,11 +433,11 @@ namespace {
 
 using P = taz_pattern_st;
 
-template <auto Lists, auto Count>
+template <auto Lists, auto Count, auto Numbers>
 AnyLists lists_of(const P &p)
 {
     using L = std::remove_cv_t<std::remove_pointer_t<std::remove_reference_t<decltype(p.*Lists)>>>;
-    return ListArray<L>{Span<L>(p.*Lists, p.*Count)};
+    return ListArray<L>{ListView<L>{p.*Lists, p.*Count, p.*Numbers}};
 }
 
 } // namespace
@@ -448,7 +448,7 @@ std::vector<ImageFamily> image_families(const taz_pattern_st &image)
     for (const tazc::Family &f : tazc::families())
         taze::each_family<P>([&](auto fam) {
             using F = decltype(fam);
-            if (F::row.magic == f.magic) out.push_back(ImageFamily{&f, lists_of<F::lists, F::count>(image)});
+            if (F::row.magic == f.magic) out.push_back(ImageFamily{&f, lists_of<F::lists, F::count, F::numbers>(image)});
         });
     return out;
 }

@@ -247,9 +247,15 @@ private:
     {
         /* The header each list was loaded from: the last one of its number. */
         std::map<std::uint32_t, const ListHeader *> headers;
+        std::vector<std::uint32_t> listed;
         if (sec)
-            for (const ListHeader &l : sec->lists) headers[l.number] = &l;
-        for (std::uint32_t n = 0; n < a.lists.size; ++n) {
+            for (const ListHeader &l : sec->lists) {
+                headers[l.number] = &l;
+                listed.push_back(l.number);
+            }
+        /* Numbers that neither a header nor a record names are empty lists:
+         * nothing to check. */
+        for (std::uint32_t n : list_numbers(a.lists, listed)) {
             const std::string path = std::string(f.group) + "." + f.name + "." + std::to_string(n);
             const auto e = elements(a.lists[n]);
             entries(f, path, e);
