@@ -200,11 +200,12 @@ int build(taz_pattern_st *ptn, const Options &opt)
     if (ptn == nullptr) return -1;
     taz_fast_release(ptn);
     const Payload pl{ptn->ptn_buf, ptn->ptn_buf + (ptn->ptn_buf ? std::size_t(ptn->ptn_len) + TAZ_PTN_PAD : 0)};
-    /* Memory is granted per list (kBytesPerEntry per entry); the guards
-     * over the whole image only stop lists that overlap in a hostile file
+    /* Memory is granted per list (kBytesPerEntry per entry), within what
+     * the load left the image's indexes (index_bytes); the work guard over
+     * the whole image only stops lists that overlap in a hostile file
      * (taze_fast_common.h, Budget). */
     const std::uint64_t len = ptn->ptn_len;
-    Budget budget{32 * len + (std::uint64_t(64) << 20), 4 * len + (std::uint64_t(1) << 20)};
+    Budget budget{32 * len + (std::uint64_t(64) << 20), ptn->index_bytes};
     std::size_t lists = 0;
     each_list(ptn, [&](const auto &list, const Use &u) { lists += wanted(list, u, opt) ? 1 : 0; });
     std::size_t cap = 16;

@@ -97,11 +97,11 @@ private:
  * bytes per entry of its list plus kIndexBase (`grant`, set before each
  * list), whatever else the file holds. Work is bounded per entry by
  * construction (each index reads an entry's text a few times). Two guards
- * over the whole image, proportional to the payload, catch what per-list
- * grants cannot: lists of a hostile file that overlap, so that their
- * entries outnumber what the payload could hold. On a file whose lists do
- * not overlap (every compiled file) neither guard is reached, since no
- * index takes more than four times the bytes its entries occupy there. */
+ * over the whole image catch what per-list grants cannot: the memory the
+ * load left the indexes (index_bytes: what the image's arrays left of three
+ * bytes per payload byte plus 768 KiB), and bytes touched proportional to
+ * the payload, for lists of a hostile file that overlap, so that their
+ * entries outnumber what the payload could hold. */
 struct Budget {
     std::uint64_t left;   /* work guard, bytes touched */
     std::uint64_t memory; /* memory guard */

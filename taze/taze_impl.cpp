@@ -51,6 +51,7 @@ struct Budget {
 
     static constexpr std::uint64_t kPerPayloadByte = 4;
     static constexpr std::uint64_t kAllowanceBytes = 64 * 1024;
+    static constexpr std::uint64_t kIndexAllowanceBytes = 768 * 1024;
 
     static bool take(std::uint64_t &left, std::uint64_t n)
     {
@@ -504,6 +505,14 @@ int walk_sections(Image *ptn, unsigned kind)
         if (k != nullptr && k->load(w, c.here(), h.size, h.count) != 0) return -1;
         c.seek(end);
     }
+    /* The indexes get what the arrays left of three bytes per payload byte
+     * and 768 KiB: with the payload copy, a load holds at most four times
+     * the payload and 1 MiB (unless the arrays alone take more, which only
+     * files made of the cheapest entries do; their lists keep the plain
+     * searches). */
+    const std::uint64_t spent = Budget::kPerPayloadByte * len + Budget::kAllowanceBytes - w.budget.bytes;
+    const std::uint64_t shared = 3 * std::uint64_t(len) + Budget::kIndexAllowanceBytes;
+    ptn->index_bytes = shared > spent ? shared - spent : 0;
     return 0;
 }
 

@@ -141,6 +141,7 @@ struct taz_pattern_st {
     unsigned char *ptn_buf; /* private, zero-padded copy of the payload */
     UINT32 ptn_len;         /* payload bytes, without the padding */
     void *fast;             /* load-time acceleration indexes, or null */
+    unsigned long long index_bytes; /* what its indexes may allocate (set by the load) */
 };
 #undef TAZ_IMAGE_FIELDS
 
