@@ -11,11 +11,14 @@
 
 #include "byteorder.h"
 #include "format.h"
+#include "names.h"
 #include "taze.hpp"
 #include "taze_impl.h"
 #include "tazeptn.h"
 #include "tfsh_md5.h"
 #include "vkerror.h"
+
+namespace names = taze::names;
 
 namespace tazi {
 
@@ -41,36 +44,14 @@ std::string magic_text(std::uint32_t magic)
     return s;
 }
 
-namespace {
-
-constexpr std::pair<std::uint32_t, const char *> kDirections[] = {{1, "any"}, {2, "inbound"}, {3, "outbound"}};
-// clang-format off
-constexpr std::pair<std::uint32_t, const char *> kThreatTypes[] = {
-    {0, "file_pattern"}, {1, "malicious_behavior"}, {2, "suspicious_behavior"}, {3, "exploit"},
-    {4, "grayware"}, {5, "qim"}, {6, "zul"}, {99, "hidden"}};
-// clang-format on
-
-template <std::size_t N>
-const char *name_in(const std::pair<std::uint32_t, const char *> (&table)[N], std::uint32_t value)
-{
-    for (const auto &[v, name] : table)
-        if (v == value) return name;
-    return nullptr;
-}
-
-} // namespace
-
-const char *direction_name(std::uint32_t direction) { return name_in(kDirections, direction); }
-const char *threat_type_name(std::uint32_t threat_type) { return name_in(kThreatTypes, threat_type); }
+const char *direction_name(std::uint32_t direction) { return names::name_of(names::kDirections, direction); }
+const char *threat_type_name(std::uint32_t threat_type) { return names::name_of(names::kThreatTypes, threat_type); }
 
 bool direction_of(const std::string &name, std::uint32_t *direction)
 {
-    for (const auto &[v, n] : kDirections)
-        if (name == n) {
-            *direction = v;
-            return true;
-        }
-    return false;
+    const names::Name *n = names::find_name(names::kDirections, name.c_str());
+    if (n != nullptr) *direction = n->value;
+    return n != nullptr;
 }
 
 const char *error_name(int code) { return taze::error_name(code); }

@@ -18,8 +18,11 @@
 
 #include "coverage.h"
 #include "families.h"
+#include "names.h"
 #include "source_import.h"
 #include "taze_impl.h"
+
+namespace names = taze::names;
 
 namespace tazc {
 
@@ -550,26 +553,17 @@ std::string read_string(const Json &j, const std::string &p) { return get_string
 
 /* A name from a table, or a number. */
 template <std::size_t N>
-std::uint32_t named_number(const Json &j, const std::string &path,
-                           const std::pair<const char *, std::uint32_t> (&names)[N])
+std::uint32_t named_number(const Json &j, const std::string &path, const names::Name (&table)[N])
 {
     if (j.is_number()) return get_u32(j, path);
     std::string s = get_string(j, path);
+    if (const names::Name *n = names::find_name(table, s.c_str())) return n->value;
     std::string expected;
-    for (const auto &n : names) {
-        if (s == n.first) return n.second;
-        expected += (expected.empty() ? "" : ", ") + std::string(n.first);
-    }
+    for (const names::Name &n : table) expected += (expected.empty() ? "" : ", ") + std::string(n.name);
     fail(path, quote_text(s) + " is not one of " + expected + ", or a number");
 }
 
-constexpr std::pair<const char *, std::uint32_t> kDirections[] = {
-    {"any", TAZ_DIR_ANY}, {"inbound", TAZ_DIR_INBOUND}, {"outbound", TAZ_DIR_OUTBOUND}};
-constexpr std::pair<const char *, std::uint32_t> kThreatTypes[] = {
-    {"file_pattern", 0}, {"malicious_behavior", 1}, {"suspicious_behavior", 2}, {"exploit", 3},
-    {"grayware", 4},     {"qim", 5},                {"zul", 6},                 {"hidden", 99}};
-
-std::uint32_t read_direction(const Json &j, const std::string &p) { return named_number(j, p, kDirections); }
+std::uint32_t read_direction(const Json &j, const std::string &p) { return named_number(j, p, names::kDirections); }
 
 std::uint32_t read_version(const Json &j, const std::string &path)
 {
@@ -782,7 +776,7 @@ std::vector<tazw::ThreatType> parse_threat_types(const Json &j, const std::strin
         ids.push_back(parse_u32_text(item.key(), paths.back()));
         tazw::ThreatType t;
         t.rule_id = ids.back();
-        t.threat_type = named_number(item.value(), paths.back(), kThreatTypes);
+        t.threat_type = named_number(item.value(), paths.back(), names::kThreatTypes);
         out.push_back(t);
     }
     if (!ids.empty()) refuse_duplicates(ids, paths, true, "rule id");
