@@ -14,18 +14,32 @@ inline std::uint64_t wide(std::uint32_t k) { return k; }
 inline std::uint64_t wide(std::uint16_t k) { return k; }
 inline unsigned __int128 wide(const U128 &k) { return (static_cast<unsigned __int128>(k.hi) << 64) | k.lo; }
 
+/* The high end of `to` becomes that of `from`: a range joined with the ranges
+ * touching it. */
+inline void take_high(ip_rng_st &to, const ip_rng_st &from) { to.ip_h = from.ip_h; }
+inline void take_high(port_rng_st &to, const port_rng_st &from) { to.port_h = from.port_h; }
+inline void take_high(ipv6_rng_st &to, const ipv6_rng_st &from) { to.ipv6_h = from.ipv6_h; }
+
 /* Index of a range list whose ranges ascend without touching (each low <=
  * high < the next low). Over such a list the bisection's comparison is
  * monotone, so the bisection finds a range holding the key exactly when
- * there is one, and there is at most one. The span from the first low to
- * the last high is cut into equal buckets; first_[b] is the first range
- * ending in bucket b or later, so the range that can hold a key is among
- * the few between the first ranges of its bucket and of the next one. A
- * bucket that holds many ranges (real address plans cluster: most of a
- * list can fall into a few buckets) gets a table of its own over the
- * bucket's span, and so on down, so the buckets follow where the ranges
- * are rather than the key span. Lists of any other shape keep the tree or
- * the plain search. */
+ * there is one, and a range list search answers only whether it found one.
+ * So ranges that touch (a high followed by the next low, as in country
+ * tables where one country's block ends where the next begins) answer as
+ * their union: where joining leaves far fewer ranges, the index keeps the
+ * joined ones in a short array of its own.
+ *
+ * The span from the first low to the last high is cut into equal buckets,
+ * each knowing the first range ending in it or later, so the range that
+ * can hold a key is among the few between the first ranges of its bucket
+ * and of the next one; they are counted without a branch when they are
+ * few, bisected otherwise. A bucket that holds many ranges (real address
+ * plans cluster: most of a list can fall into a few buckets) gets a table
+ * of its own over the bucket's span, and so on down, so the buckets follow
+ * where the ranges are rather than the key span. All tables live in two
+ * flat arrays: one cell per bucket (the first range's number, or the
+ * bucket's table) and one record per table, so a level costs one cell.
+ * Lists of any other shape keep the tree or the plain search. */
 template <class B, class Item>
 class OrderedRanges final : public KeyedAccel<OrderedRanges<B, Item>, B> {
     using W = Wide<B>;
@@ -34,21 +48,19 @@ public:
     static OrderedRanges *make(const Item *items, std::uint32_t n, Budget &b)
     {
         if (items == nullptr || n == 0 || n > 0x7FFFFFFFu) return nullptr;
+        std::uint32_t joined = 1;
         for (std::uint32_t i = 0; i < n; ++i) {
             const RangeNode<B> r = range_of(items[i]);
             if (order(r.low, r.high) > 0 || (i > 0 && order(range_of(items[i - 1]).high, r.low) >= 0)) return nullptr;
+            joined += i > 0 && touch(items[i - 1], items[i]) ? 0 : 1;
         }
         if (!b.take(n * sizeof(Item))) return nullptr;
         auto *x = new (std::nothrow) OrderedRanges;
-        if (x != nullptr && !x->fill(items, n, wide(range_of(items[0]).low), wide(range_of(items[n - 1]).high), 0, b)) {
+        if (x != nullptr && !x->fill(items, n, joined - 1, b)) {
             delete x;
             x = nullptr;
         }
         return x;
-    }
-    ~OrderedRanges() override
-    {
-        for (std::size_t i = 0; i < sub_.size(); ++i) delete sub_[i];
     }
 
     Shape shape() const override { return Shape::Buckets; }
@@ -57,118 +69,159 @@ private:
     friend KeyedAccel<OrderedRanges, B>;
     static constexpr std::uint32_t kNestFrom = 192; /* ranges in a bucket that get a table of their own */
     static constexpr unsigned kMaxLevels = 8;
+    static constexpr std::uint32_t kTable = 0x80000000u; /* a cell naming its bucket's table */
+    static constexpr std::uint32_t kCounted = 16;         /* ranges in a bucket counted, not bisected */
+    /* Joined ranges are kept when they are at most this many bytes per range
+     * of the list. */
+    static constexpr std::uint64_t kJoinedBytes = 4;
 
-    /* Buckets over [base, top] for the n ranges at items, all of which end
-     * inside it; tables for the crowded buckets while levels and memory last. */
-    bool fill(const Item *items, std::uint32_t n, W base, W top, unsigned level, Budget &b)
+    /* One table: its span, its buckets' cells and its ranges. */
+    struct Table {
+        W base, top;
+        std::uint32_t cells; /* its first cell */
+        std::uint32_t first; /* its first range */
+        std::uint32_t end;   /* one past its last range */
+        unsigned shift;
+    };
+
+    static bool touch(const Item &a, const Item &b) { return wide(range_of(a).high) + 1 == wide(range_of(b).low); }
+
+    bool fill(const Item *items, std::uint32_t n, std::uint32_t joined, Budget &b)
     {
+        items_ = items;
+        n_ = n;
+        if (joined < n && std::uint64_t(joined) * sizeof(Item) <= kJoinedBytes * n) {
+            if (!b.reserve(std::uint64_t(joined) * sizeof(Item)) || !joined_.allocate(joined)) return false;
+            std::uint32_t j = 0;
+            joined_[0] = items[0];
+            for (std::uint32_t i = 1; i < n; ++i) {
+                if (touch(items[i - 1], items[i]))
+                    take_high(joined_[j], items[i]);
+                else
+                    joined_[++j] = items[i];
+            }
+            items_ = joined_.data();
+            n_ = joined;
+        }
+        /* Sizes first, then the same walk writes the tables. */
+        std::uint32_t tables = 0, cells = 0;
+        plan(0, n_, wide(range_of(items_[0]).low), wide(range_of(items_[n_ - 1]).high), 0, tables, cells);
+        if (!b.reserve(kIndexBase + std::uint64_t(tables) * sizeof(Table) + std::uint64_t(cells) * 4) ||
+            !tables_.allocate(tables) || !cells_.allocate(cells))
+            return false;
+        tables = cells = 0;
+        plan(0, n_, wide(range_of(items_[0]).low), wide(range_of(items_[n_ - 1]).high), 0, tables, cells);
+        return true;
+    }
+
+    /* The table of ranges [first, end) over [base, top] (all of them end
+     * inside it) and, for its crowded buckets, tables of their own while
+     * levels last. Counts the tables and cells it takes; writes them when
+     * the arrays are there. */
+    void plan(std::uint32_t first, std::uint32_t end, W base, W top, unsigned level, std::uint32_t &tables,
+              std::uint32_t &cells)
+    {
+        const bool write = tables_.size() != 0;
+        const std::uint32_t n = end - first;
         /* About n/4 buckets at the top, n/8 in nested tables (whose ranges
          * cluster less, having been spread once). */
         std::uint32_t bits = 1;
         while (bits < 20 && (std::uint64_t(level == 0 ? 4 : 8) << bits) <= n) ++bits;
         const std::uint64_t buckets = std::uint64_t(1) << bits;
-        if (!b.reserve(kIndexBase / 8 + (buckets + 1) * 4) || !first_.allocate(buckets + 1)) return false;
-        items_ = items;
-        n_ = n;
-        base_ = base;
-        top_ = top;
         /* A nested table whose ranges all end in one bucket narrows to that
          * bucket and is cut again, instead of nesting a table that would be
          * its only one (clustered addresses: a level per step down to the
          * cluster's width). Each narrowing counts as a level. */
+        unsigned shift;
         for (;;) {
-            const W span = top_ - base_;
-            shift_ = 0;
-            while (shift_ < 8 * sizeof(W) - 1 && (span >> shift_) >= buckets) ++shift_;
-            const std::uint64_t k = bucket(range_of(items[0]).high);
-            if (level == 0 || level + 1 >= kMaxLevels || shift_ == 0 || bucket(range_of(items[n - 1]).high) != k) break;
-            base_ += W(k) << shift_;
-            top_ = std::min<W>(top_, base_ + ((W(1) << shift_) - 1));
+            const W span = top - base;
+            shift = 0;
+            while (shift < 8 * sizeof(W) - 1 && (span >> shift) >= buckets) ++shift;
+            const std::uint64_t k = std::uint64_t((wide(range_of(items_[first]).high) - base) >> shift);
+            if (level == 0 || level + 1 >= kMaxLevels || shift == 0 ||
+                std::uint64_t((wide(range_of(items_[end - 1]).high) - base) >> shift) != k)
+                break;
+            base += W(k) << shift;
+            top = std::min<W>(top, base + ((W(1) << shift) - 1));
             ++level;
         }
-        std::uint32_t i = 0;
-        std::uint64_t crowded = 0;
+        const std::uint32_t self = tables++, at = cells;
+        cells += std::uint32_t(buckets + 1);
+        if (write) tables_[self] = {base, top, at, first, end, shift};
+        /* first[k]: the first range ending in bucket k or later. */
+        std::uint32_t i = first, before = first;
         for (std::uint64_t k = 0; k <= buckets; ++k) {
-            while (i < n && bucket(range_of(items[i]).high) < k) ++i;
-            first_[k] = i;
-            crowded += k > 0 && first_[k] - first_[k - 1] >= kNestFrom ? 1 : 0;
-        }
-        if (crowded == 0 || level + 1 >= kMaxLevels || shift_ == 0) return true;
-        /* The crowded buckets' tables sit in a short array, reached through
-         * a byte per bucket (its place among the tables of its 64-bucket
-         * group, plus one; 0 when it has none) and a running count per 64
-         * buckets: a pointer per bucket would cost 2 bytes per range at the
-         * top level, most of them null. */
-        const std::uint64_t words = (buckets + 63) / 64;
-        if (!b.reserve(buckets + words * 4 + crowded * sizeof(OrderedRanges *)) || !place_.allocate(buckets) ||
-            !rank_.allocate(words) || !sub_.allocate(crowded))
-            return true;
-        std::uint32_t c = 0;
-        for (std::uint64_t k = 0; k < buckets; ++k) {
-            if (k % 64 == 0) rank_[k / 64] = c;
-            const std::uint32_t len = first_[k + 1] - first_[k];
-            if (len < kNestFrom) continue;
-            const W lo = base_ + (W(k) << shift_);
-            const W hi = std::min<W>(top_, lo + ((W(1) << shift_) - 1));
-            auto *x = new (std::nothrow) OrderedRanges;
-            if (x != nullptr && !x->fill(items + first_[k], len, lo, hi, level + 1, b)) {
-                delete x;
-                x = nullptr;
+            while (i < end && std::uint64_t((wide(range_of(items_[i]).high) - base) >> shift) < k) ++i;
+            if (k > 0) {
+                const std::uint32_t len = i - before;
+                if (len >= kNestFrom && level + 1 < kMaxLevels && shift != 0) {
+                    const W lo = base + (W(k - 1) << shift);
+                    const W hi = std::min<W>(top, lo + ((W(1) << shift) - 1));
+                    if (write) cells_[at + k - 1] = kTable | tables;
+                    plan(before, i, lo, hi, level + 1, tables, cells);
+                } else if (write) {
+                    cells_[at + k - 1] = before;
+                }
             }
-            if (x == nullptr) continue;
-            place_[k] = static_cast<std::uint8_t>(c - rank_[k / 64] + 1);
-            sub_[c++] = x;
+            before = i;
         }
-        return true;
+        if (write) cells_[at + buckets] = end;
     }
 
-    /* The table of bucket at, or null when the bucket has none. */
-    const OrderedRanges *sub(std::uint64_t at) const
-    {
-        if (place_.size() == 0 || place_[at] == 0) return nullptr;
-        return sub_[rank_[at / 64] + place_[at] - 1u];
-    }
-
-    std::uint64_t bucket(const B &k) const { return static_cast<std::uint64_t>((wide(k) - base_) >> shift_); }
-
-    /* The first of this table's ranges ending at or after k (n_ if none). */
+    /* The first range ending at or after k, or n_. */
     std::uint32_t first_after(const B &k) const
     {
-        /* A narrowed table sees keys on either side of its span: every
-         * range ends inside it. */
         const W w = wide(k);
-        if (w < base_) return 0;
-        if (w > top_) return n_;
-        const std::uint64_t at = bucket(k);
-        if (const OrderedRanges *t = sub(at)) return first_[at] + t->first_after(k);
-        /* Ranges before first_[at] end in earlier buckets, the range
-         * first_[at + 1] ends after k. */
-        std::uint32_t i = first_[at], len = first_[at + 1] - first_[at];
+        const Table *t = &tables_[0];
+        for (;;) {
+            /* A narrowed table sees keys on either side of its span: all
+             * its ranges end inside it. */
+            if (w < t->base) return t->first;
+            if (w > t->top) return t->end;
+            const std::uint32_t *cell = &cells_[t->cells + std::size_t((w - t->base) >> t->shift)];
+            if (cell[0] & kTable) {
+                t = &tables_[cell[0] & ~kTable];
+                continue;
+            }
+            /* Ranges before cell[0] end in earlier buckets; the first range
+             * of the next bucket (or of its table) ends after k. */
+            const std::uint32_t i = cell[0];
+            const std::uint32_t next = cell[1] & kTable ? tables_[cell[1] & ~kTable].first : cell[1];
+            return i + below(i, next - i, k);
+        }
+    }
+
+    /* How many of the len ranges from i end before k. */
+    std::uint32_t below(std::uint32_t i, std::uint32_t len, const B &k) const
+    {
+        if (len <= kCounted) {
+            std::uint32_t c = 0;
+            for (std::uint32_t j = 0; j < len; ++j) c += order(range_of(items_[i + j]).high, k) < 0 ? 1 : 0;
+            return c;
+        }
+        const std::uint32_t from = i;
         while (len > 0) {
             const std::uint32_t half = len / 2;
             const bool right = order(range_of(items_[i + half]).high, k) < 0;
             i += right ? half + 1 : 0;
             len = right ? len - half - 1 : half;
         }
-        return i;
+        return i - from;
     }
 
     std::int64_t search(const B &k) const
     {
         const W w = wide(k);
-        if (w < base_ || w > top_) return kMiss;
+        if (w < tables_[0].base || w > tables_[0].top) return kMiss;
         const std::uint32_t i = first_after(k);
         return i < n_ && order(k, range_of(items_[i]).low) >= 0 ? 0 : kMiss;
     }
 
-    const Item *items_ = nullptr; /* the list's own records */
+    const Item *items_ = nullptr; /* the list's own records, or joined_ */
     std::uint32_t n_ = 0;
-    Array<std::uint32_t> first_;
-    Array<std::uint8_t> place_;    /* by bucket: its table's place in its group of 64, plus one; 0: none */
-    Array<std::uint32_t> rank_;    /* per 64 buckets: tables of the buckets before them */
-    Array<OrderedRanges *> sub_;   /* the crowded buckets' tables, in bucket order */
-    W base_ = 0, top_ = 0;
-    unsigned shift_ = 0;
+    Array<Item> joined_;
+    Array<Table> tables_; /* the top table first */
+    Array<std::uint32_t> cells_;
 };
 
 template <class B, class Item>
