@@ -67,13 +67,17 @@ public:
 
 private:
     friend KeyedAccel<OrderedRanges, B>;
-    static constexpr std::uint32_t kNestFrom = 192; /* ranges in a bucket that get a table of their own */
+    static constexpr std::uint32_t kNestFrom = sizeof(Item) >= 32 ? 32 : 192; /* ranges in a bucket that get a table of their own */
     static constexpr unsigned kMaxLevels = 8;
     static constexpr std::uint32_t kTable = 0x80000000u; /* a cell naming its bucket's table */
     static constexpr std::uint32_t kCounted = 16;         /* ranges in a bucket counted, not bisected */
     /* Joined ranges are kept when they are at most this many bytes per range
      * of the list. */
     static constexpr std::uint64_t kJoinedBytes = 4;
+    /* Wide ranges (IPv6) keep beside each range a 32-bit key of its high
+     * inside its bucket: a leaf compares keys instead of reading ranges of
+     * 32 bytes, and reads one range at the end. */
+    static constexpr bool kKeyed = sizeof(Item) >= 32;
 
     /* One table: its span, its buckets' cells and its ranges. */
     struct Table {
@@ -104,22 +108,22 @@ private:
             n_ = joined;
         }
         /* Sizes first, then the same walk writes the tables. */
-        std::uint32_t tables = 0, cells = 0;
-        plan(0, n_, wide(range_of(items_[0]).low), wide(range_of(items_[n_ - 1]).high), 0, tables, cells);
-        if (!b.reserve(kIndexBase + std::uint64_t(tables) * sizeof(Table) + std::uint64_t(cells) * 4) ||
-            !tables_.allocate(tables) || !cells_.allocate(cells))
+        std::uint64_t tables = 0, cells = 0;
+        plan(0, n_, 0, tables, cells);
+        const std::uint64_t keys = kKeyed ? n_ : 0;
+        if (tables >= kTable || cells >= kTable ||
+            !b.reserve(kIndexBase + tables * sizeof(Table) + (cells + keys) * 4) || !tables_.allocate(tables) ||
+            !cells_.allocate(cells) || !keys_.allocate(keys))
             return false;
         tables = cells = 0;
-        plan(0, n_, wide(range_of(items_[0]).low), wide(range_of(items_[n_ - 1]).high), 0, tables, cells);
+        plan(0, n_, 0, tables, cells);
         return true;
     }
 
-    /* The table of ranges [first, end) over [base, top] (all of them end
-     * inside it) and, for its crowded buckets, tables of their own while
-     * levels last. Counts the tables and cells it takes; writes them when
-     * the arrays are there. */
-    void plan(std::uint32_t first, std::uint32_t end, W base, W top, unsigned level, std::uint32_t &tables,
-              std::uint32_t &cells)
+    /* The table of ranges [first, end) and, for its crowded buckets, tables
+     * of their own while levels last. Counts the tables and cells it takes;
+     * writes them when the arrays are there. */
+    void plan(std::uint32_t first, std::uint32_t end, unsigned level, std::uint64_t &tables, std::uint64_t &cells)
     {
         const bool write = tables_.size() != 0;
         const std::uint32_t n = end - first;
@@ -128,26 +132,18 @@ private:
         std::uint32_t bits = 1;
         while (bits < 20 && (std::uint64_t(level == 0 ? 4 : 8) << bits) <= n) ++bits;
         const std::uint64_t buckets = std::uint64_t(1) << bits;
-        /* A nested table whose ranges all end in one bucket narrows to that
-         * bucket and is cut again, instead of nesting a table that would be
-         * its only one (clustered addresses: a level per step down to the
-         * cluster's width). Each narrowing counts as a level. */
-        unsigned shift;
-        for (;;) {
-            const W span = top - base;
-            shift = 0;
-            while (shift < 8 * sizeof(W) - 1 && (span >> shift) >= buckets) ++shift;
-            const std::uint64_t k = std::uint64_t((wide(range_of(items_[first]).high) - base) >> shift);
-            if (level == 0 || level + 1 >= kMaxLevels || shift == 0 ||
-                std::uint64_t((wide(range_of(items_[end - 1]).high) - base) >> shift) != k)
-                break;
-            base += W(k) << shift;
-            top = std::min<W>(top, base + ((W(1) << shift) - 1));
-            ++level;
-        }
-        const std::uint32_t self = tables++, at = cells;
-        cells += std::uint32_t(buckets + 1);
-        if (write) tables_[self] = {base, top, at, first, end, shift};
+        /* The top table spans the list, from its first low to its last
+         * high; a nested table only the highs of its ranges, not its
+         * parent's bucket: a key before them is before all its ranges, a
+         * key after them after (clustered addresses: the buckets cut the
+         * cluster, not the space around it). */
+        const W base = wide(level == 0 ? range_of(items_[first]).low : range_of(items_[first]).high);
+        const W top = wide(range_of(items_[end - 1]).high);
+        unsigned shift = 0;
+        while (shift < 8 * sizeof(W) - 1 && ((top - base) >> shift) >= buckets) ++shift;
+        const std::uint64_t self = tables++, at = cells;
+        cells += buckets + 1;
+        if (write) tables_[self] = {base, top, std::uint32_t(at), first, end, shift};
         /* first[k]: the first range ending in bucket k or later. */
         std::uint32_t i = first, before = first;
         for (std::uint64_t k = 0; k <= buckets; ++k) {
@@ -155,12 +151,13 @@ private:
             if (k > 0) {
                 const std::uint32_t len = i - before;
                 if (len >= kNestFrom && level + 1 < kMaxLevels && shift != 0) {
-                    const W lo = base + (W(k - 1) << shift);
-                    const W hi = std::min<W>(top, lo + ((W(1) << shift) - 1));
-                    if (write) cells_[at + k - 1] = kTable | tables;
-                    plan(before, i, lo, hi, level + 1, tables, cells);
+                    if (write) cells_[at + k - 1] = kTable | std::uint32_t(tables);
+                    plan(before, i, level + 1, tables, cells);
                 } else if (write) {
                     cells_[at + k - 1] = before;
+                    if constexpr (kKeyed)
+                        for (std::uint32_t j = before; j < i; ++j)
+                            keys_[j] = key_in(wide(range_of(items_[j]).high), base + (W(k - 1) << shift), shift);
                 }
             }
             before = i;
@@ -187,25 +184,58 @@ private:
              * of the next bucket (or of its table) ends after k. */
             const std::uint32_t i = cell[0];
             const std::uint32_t next = cell[1] & kTable ? tables_[cell[1] & ~kTable].first : cell[1];
-            return i + below(i, next - i, k);
+            if constexpr (kKeyed) {
+                prefetch(&items_[i]); /* the range read last is mostly the bucket's first: its load overlaps the keys' */
+                /* Ranges whose keys are below the key's end before it; when
+                 * the next one's key equals it (keys cut short), the ranges
+                 * from there decide. */
+                const W at = (w - t->base) >> t->shift;
+                const std::uint32_t kt = key_in(w, t->base + (at << t->shift), t->shift);
+                const std::uint32_t j = i + below(next - i, [&](std::uint32_t m) { return keys_[i + m] < kt; });
+                return j == next || keys_[j] != kt ? j : j + ends_before(j, next - j, k);
+            } else {
+                return i + ends_before(i, next - i, k);
+            }
         }
     }
 
-    /* How many of the len ranges from i end before k. */
-    std::uint32_t below(std::uint32_t i, std::uint32_t len, const B &k) const
+    /* How many of len ascending items are below the key, is_below(m)
+     * telling for item m. A few are counted without a branch; more are
+     * sampled first, every step-th of them, and the count goes on in the
+     * step the key falls in: the loads of one round do not wait on each
+     * other, as a bisection's do. */
+    template <class IsBelow>
+    static std::uint32_t below(std::uint32_t len, IsBelow &&is_below)
     {
-        if (len <= kCounted) {
+        std::uint32_t i = 0;
+        while (len > kCounted) {
+            const std::uint32_t step = (len + kCounted - 1) / kCounted, samples = len / step;
             std::uint32_t c = 0;
-            for (std::uint32_t j = 0; j < len; ++j) c += order(range_of(items_[i + j]).high, k) < 0 ? 1 : 0;
-            return c;
+            for (std::uint32_t m = 1; m <= samples; ++m) c += is_below(i + m * step - 1) ? 1 : 0;
+            i += c * step;
+            len = c == samples ? len - c * step : step - 1;
         }
+        for (std::uint32_t j = 0; j < len; ++j) i += is_below(i) ? 1 : 0;
+        return i;
+    }
+    /* The key of a high w in the bucket starting at lo of a table cut at
+     * shift: its offset there, cut to 32 bits (ascending with w). */
+    static std::uint32_t key_in(W w, W lo, unsigned shift)
+    {
+        return static_cast<std::uint32_t>((w - lo) >> (shift > 32 ? shift - 32 : 0));
+    }
+    /* How many of the len ranges from i end before k: counted when they
+     * are few, else bisected. */
+    std::uint32_t ends_before(std::uint32_t i, std::uint32_t len, const B &k) const
+    {
         const std::uint32_t from = i;
-        while (len > 0) {
+        while (len > kCounted) {
             const std::uint32_t half = len / 2;
             const bool right = order(range_of(items_[i + half]).high, k) < 0;
             i += right ? half + 1 : 0;
             len = right ? len - half - 1 : half;
         }
+        for (std::uint32_t j = 0; j < len; ++j) i += order(range_of(items_[i]).high, k) < 0 ? 1 : 0;
         return i - from;
     }
 
@@ -222,6 +252,7 @@ private:
     Array<Item> joined_;
     Array<Table> tables_; /* the top table first */
     Array<std::uint32_t> cells_;
+    Array<std::uint32_t> keys_; /* by range, when kKeyed */
 };
 
 template <class B, class Item>
