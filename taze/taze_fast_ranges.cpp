@@ -78,6 +78,9 @@ private:
      * inside its bucket: a leaf compares keys instead of reading ranges of
      * 32 bytes, and reads one range at the end. */
     static constexpr bool kKeyed = sizeof(Item) >= 32;
+    /* Ports: the space holds 65,536 keys, so one bit per key (8 KiB, within
+     * the fixed part every index may take) answers with one load. */
+    static constexpr bool kBitmap = std::is_same_v<B, std::uint16_t>;
 
     /* One table: its span, its buckets' cells and its ranges. */
     struct Table {
@@ -106,6 +109,13 @@ private:
             }
             items_ = joined_.data();
             n_ = joined;
+        }
+        if constexpr (kBitmap) {
+            if (!b.reserve(kPorts / 8) || !bits_.allocate(kPorts / 64)) return false;
+            for (std::uint32_t i = 0; i < n_; ++i)
+                for (std::uint32_t k = range_of(items_[i]).low; k <= range_of(items_[i]).high; ++k)
+                    bits_[k / 64] |= std::uint64_t(1) << (k % 64);
+            return true;
         }
         /* Sizes first, then the same walk writes the tables. */
         std::uint64_t tables = 0, cells = 0;
@@ -241,6 +251,7 @@ private:
 
     std::int64_t search(const B &k) const
     {
+        if constexpr (kBitmap) return bits_[k / 64] >> (k % 64) & 1 ? 0 : kMiss;
         const W w = wide(k);
         if (w < tables_[0].base || w > tables_[0].top) return kMiss;
         const std::uint32_t i = first_after(k);
@@ -253,6 +264,8 @@ private:
     Array<Table> tables_; /* the top table first */
     Array<std::uint32_t> cells_;
     Array<std::uint32_t> keys_; /* by range, when kKeyed */
+    static constexpr std::uint32_t kPorts = 65536;
+    Array<std::uint64_t> bits_; /* by key, when kBitmap */
 };
 
 template <class B, class Item>
