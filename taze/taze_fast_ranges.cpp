@@ -20,14 +20,14 @@ inline void take_high(ip_rng_st &to, const ip_rng_st &from) { to.ip_h = from.ip_
 inline void take_high(port_rng_st &to, const port_rng_st &from) { to.port_h = from.port_h; }
 inline void take_high(ipv6_rng_st &to, const ipv6_rng_st &from) { to.ipv6_h = from.ipv6_h; }
 
-/* Index of a range list whose ranges ascend without touching (each low <=
+/* Index of a range list whose ranges ascend without overlapping (each low <=
  * high < the next low). Over such a list the bisection's comparison is
  * monotone, so the bisection finds a range holding the key exactly when
  * there is one, and a range list search answers only whether it found one.
  * So ranges that touch (a high followed by the next low, as in country
  * tables where one country's block ends where the next begins) answer as
  * their union: where joining leaves far fewer ranges, the index keeps the
- * joined ones in a short array of its own.
+ * joined ones in a short array of its own. Port lists get one bit per port.
  *
  * The span from the first low to the last high is cut into equal buckets,
  * each knowing the first range ending in it or later, so the range that
@@ -35,7 +35,7 @@ inline void take_high(ipv6_rng_st &to, const ipv6_rng_st &from) { to.ipv6_h = fr
  * and of the next one; they are counted without a branch when they are
  * few, bisected otherwise. A bucket that holds many ranges (real address
  * plans cluster: most of a list can fall into a few buckets) gets a table
- * of its own over the bucket's span, and so on down, so the buckets follow
+ * of its own over the span of its ranges' highs, and so on down, so the buckets follow
  * where the ranges are rather than the key span. All tables live in two
  * flat arrays: one cell per bucket (the first range's number, or the
  * bucket's table) and one record per table, so a level costs one cell.
