@@ -117,25 +117,31 @@ private:
                     bits_[k / 64] |= std::uint64_t(1) << (k % 64);
             return true;
         }
-        /* Sizes first, then the same walk writes the tables. */
-        std::uint64_t tables = 0, cells = 0;
-        plan(0, n_, 0, tables, cells);
         const std::uint64_t keys = kKeyed ? n_ : 0;
-        if (tables >= kTable || cells >= kTable ||
-            !b.reserve(kIndexBase + tables * sizeof(Table) + (cells + keys) * 4) || !tables_.allocate(tables) ||
-            !cells_.allocate(cells) || !keys_.allocate(keys))
-            return false;
-        tables = cells = 0;
-        plan(0, n_, 0, tables, cells);
+        if (!b.reserve(kIndexBase + keys * 4) || !keys_.allocate(keys)) return false;
+        /* The arrays grow as the tables are laid out (doubling). */
+        std::uint64_t tables = 0, cells = 0;
+        if (!plan(0, n_, 0, tables, cells, b)) return false;
+        tables_.shrink(tables);
+        cells_.shrink(cells);
         return true;
     }
 
-    /* The table of ranges [first, end) and, for its crowded buckets, tables
-     * of their own while levels last. Counts the tables and cells it takes;
-     * writes them when the arrays are there. */
-    void plan(std::uint32_t first, std::uint32_t end, unsigned level, std::uint64_t &tables, std::uint64_t &cells)
+    /* Room for `need` records in a, under the budget. */
+    template <class T>
+    static bool room(Array<T> &a, std::uint64_t need, Budget &b)
     {
-        const bool write = tables_.size() != 0;
+        if (need <= a.size()) return true;
+        const std::uint64_t size = std::max<std::uint64_t>(need, 2 * a.size());
+        return size < kTable && b.reserve((size - a.size()) * sizeof(T)) && a.grow(size);
+    }
+
+    /* Lays out the table of ranges [first, end) as table number `tables`
+     * from cell `cells` on and, for its crowded buckets, tables of their own
+     * while levels last; false when memory runs short. */
+    bool plan(std::uint32_t first, std::uint32_t end, unsigned level, std::uint64_t &tables, std::uint64_t &cells,
+              Budget &b)
+    {
         const std::uint32_t n = end - first;
         /* About n/4 buckets at the top, n/8 in nested tables (whose ranges
          * cluster less, having been spread once). */
@@ -153,7 +159,8 @@ private:
         while (shift < 8 * sizeof(W) - 1 && ((top - base) >> shift) >= buckets) ++shift;
         const std::uint64_t self = tables++, at = cells;
         cells += buckets + 1;
-        if (write) tables_[self] = {base, top, std::uint32_t(at), first, end, shift};
+        if (!room(tables_, tables, b) || !room(cells_, cells, b)) return false;
+        tables_[self] = {base, top, std::uint32_t(at), first, end, shift};
         /* first[k]: the first range ending in bucket k or later. */
         std::uint32_t i = first, before = first;
         for (std::uint64_t k = 0; k <= buckets; ++k) {
@@ -161,9 +168,9 @@ private:
             if (k > 0) {
                 const std::uint32_t len = i - before;
                 if (len >= kNestFrom && level + 1 < kMaxLevels && shift != 0) {
-                    if (write) cells_[at + k - 1] = kTable | std::uint32_t(tables);
-                    plan(before, i, level + 1, tables, cells);
-                } else if (write) {
+                    cells_[at + k - 1] = kTable | std::uint32_t(tables);
+                    if (!plan(before, i, level + 1, tables, cells, b)) return false;
+                } else {
                     cells_[at + k - 1] = before;
                     if constexpr (kKeyed)
                         for (std::uint32_t j = before; j < i; ++j)
@@ -172,7 +179,8 @@ private:
             }
             before = i;
         }
-        if (write) cells_[at + buckets] = end;
+        cells_[at + buckets] = end;
+        return true;
     }
 
     /* The first range ending at or after k, or n_. */
