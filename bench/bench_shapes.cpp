@@ -200,6 +200,24 @@ Shape ipv4(std::size_t n)
     return s;
 }
 
+/* Port ranges, n of them at most (the port space holds few), widths 1 to
+ * half the mean step. */
+Shape ports(std::size_t n)
+{
+    Shape s{"port ranges " + std::to_string(n), Kind::Port, {}, {}, {}, {}, {}, {}, {}};
+    Rng r(n + 11);
+    const std::size_t half = std::max<std::size_t>(1, 65536 / (n + 1) / 2);
+    for (std::size_t at = r.below(half); s.ports.size() < n;) {
+        const std::size_t hi = at + r.below(half);
+        if (hi > 0xFFFF) break;
+        s.ports.push_back({std::uint16_t(at), std::uint16_t(hi)});
+        at = hi + 1 + r.below(half + 1);
+    }
+    for (std::size_t i = 0; i < kQueries; ++i)
+        s.ip_keys.push_back(i % 2 ? std::uint16_t(r.g()) : s.ports[r.below(s.ports.size())].first + std::uint32_t(r.below(2)));
+    return s;
+}
+
 tazw::IPv6 v6_at(std::uint32_t top, std::uint64_t mid)
 {
     tazw::IPv6 a{};
@@ -400,7 +418,9 @@ int answer(const Shape &s, TAZE *h, std::size_t i, bool fast)
     case Kind::Ipv6:
         return fast ? TAZE_PatternSearchIPv6RangeList(h, 0, s.v6_keys[i].data(), PT_TAZ)
                     : ipv6_rng_list_search(s.v6_keys[i].data(), &p->ipv6_range_lists[0]);
-    case Kind::Port: return 0;
+    case Kind::Port:
+        return fast ? TAZE_PatternSearchPortRangeList(h, 0, std::uint16_t(s.ip_keys[i]), PT_TAZ)
+                    : port_rng_list_search(std::uint16_t(s.ip_keys[i]), &p->port_range_lists[0]);
     }
     return 0;
 }
@@ -607,6 +627,7 @@ int main(int argc, char **argv)
         makers.push_back([n](Shape &s) { s = ipv4(n); return true; });
         makers.push_back([n](Shape &s) { s = ipv6(n); return true; });
     }
+    for (std::size_t n : {1000, 20000}) makers.push_back([n](Shape &s) { s = ports(n); return true; });
     makers.push_back([](Shape &s) { s = literals(10000); return true; });
     makers.push_back([](Shape &s) { return public_suffixes(s, Kind::Suffix); });
     makers.push_back([](Shape &s) { return public_suffixes(s, Kind::SuffixMap); });

@@ -125,9 +125,11 @@ void ranges_and_numbers(const Pattern *p, UINT32 number)
 {
     for (UINT32 i = 0; p->ip_range_lists && i < p->max_ip_range_list_count && i < kLists; ++i) {
         const ip_rng_list_st *l = &p->ip_range_lists[i];
-        for (UINT32 ip : near<ip_rng_list_st, ip_rng_st, UINT32>(l, &ip_rng_list_st::ip_ranges, &ip_rng_list_st::nr_ip_ranges,
-                                                                  [](const ip_rng_st &r) { return r.ip_h; }, number))
-            differ(fast::list_search(p, l, ip, ip_rng_list_search) != ip_rng_list_search(ip, l));
+        /* Both bounds: where ranges touch, the index answers for their union. */
+        for (UINT32 (*bound)(const ip_rng_st &) : {+[](const ip_rng_st &r) { return r.ip_l; }, +[](const ip_rng_st &r) { return r.ip_h; }})
+            for (UINT32 ip : near<ip_rng_list_st, ip_rng_st, UINT32>(l, &ip_rng_list_st::ip_ranges, &ip_rng_list_st::nr_ip_ranges,
+                                                                      bound, number))
+                differ(fast::list_search(p, l, ip, ip_rng_list_search) != ip_rng_list_search(ip, l));
     }
     for (UINT32 i = 0; p->port_range_lists && i < p->max_port_range_list_count && i < kLists; ++i) {
         const port_rng_list_st *l = &p->port_range_lists[i];
@@ -159,11 +161,22 @@ void addresses(const Pattern *p, const unsigned char *given)
 {
     for (UINT32 i = 0; p->ipv6_range_lists && i < p->max_ipv6_range_list_count && i < kLists; ++i) {
         const ipv6_rng_list_st *l = &p->ipv6_range_lists[i];
-        std::vector<const unsigned char *> keys = {given};
+        std::vector<ipv6_st> keys;
+        std::memcpy(keys.emplace_back().bytes, given, 16);
+        /* Every bound and the addresses either side of it. */
         for (UINT32 j = 0; l->ipv6_ranges && j < l->nr_ipv6_ranges && j < kEntries; ++j)
-            keys.insert(keys.end(), {l->ipv6_ranges[j].ipv6_l.bytes, l->ipv6_ranges[j].ipv6_h.bytes});
-        for (const unsigned char *k : keys)
-            differ(fast::list_search(p, l, k, ipv6_rng_list_search) != ipv6_rng_list_search(k, l));
+            for (const ipv6_st &b : {l->ipv6_ranges[j].ipv6_l, l->ipv6_ranges[j].ipv6_h})
+                for (int d : {-1, 0, 1}) {
+                    ipv6_st k = b;
+                    for (int at = 15; at >= 0 && d != 0; --at) { /* carry or borrow */
+                        const int v = k.bytes[at] + d;
+                        k.bytes[at] = UINT8(v);
+                        if (v >= 0 && v <= 0xFF) break;
+                    }
+                    keys.push_back(k);
+                }
+        for (const ipv6_st &k : keys)
+            differ(fast::list_search(p, l, k.bytes, ipv6_rng_list_search) != ipv6_rng_list_search(k.bytes, l));
     }
     for (UINT32 i = 0; p->ipv6_int_map_lists && i < p->max_ipv6_int_map_list_count && i < kLists; ++i) {
         const ipv6imap_list_st *l = &p->ipv6_int_map_lists[i];

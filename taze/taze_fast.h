@@ -11,9 +11,10 @@
  *   one entry, and the bisection finds that one);
  * - IPv4, IPv6 and port range lists whose ranges ascend without overlapping:
  *   over them the bisection finds a range holding the key exactly when one
- *   exists, so a bucket table over the key span (nested where ranges
- *   crowd a bucket), and a short search among the ranges of the key's
- *   bucket, answers as it does;
+ *   exists, so ranges that touch answer as their union, and a bitmap of the
+ *   ports, or a bucket table over the key span (nested where ranges crowd
+ *   a bucket) and a short search among the ranges of the key's bucket,
+ *   answers as it does;
  * - prefix and suffix lists and keys whose entries are all at least K bytes
  *   long (K between 4 and 16) with no NUL among their K leading bytes (the
  *   K trailing ones for suffixes), and whose heads of K bytes never decrease

@@ -80,6 +80,16 @@ public:
     }
     /* Keeps the first n records (n no larger than the size). */
     void shrink(std::size_t n) { n_ = std::min(n, n_); }
+    /* Grows to n records (no fewer than the size), keeping the records. */
+    bool grow(std::size_t n)
+    {
+        Array more;
+        if (!more.allocate(n)) return false;
+        if (n_ != 0) std::memcpy(static_cast<void *>(more.p_), p_, n_ * sizeof(T));
+        std::swap(p_, more.p_);
+        std::swap(n_, more.n_);
+        return true;
+    }
     std::size_t size() const { return n_; }
     T *data() { return p_; }
     const T *data() const { return p_; }

@@ -414,6 +414,81 @@ TEST(FastPaths, ClusteredRangesAnswerAsThePlainSearches)
     }
 }
 
+/* Ordered range lists in the shapes real tables have, one row each: ranges
+ * that mostly touch (country tables: the index answers for their union),
+ * widths from 1 to 2^16 in clusters, and groups of narrow ranges far apart
+ * (more ranges in a bucket than are counted one by one; for IPv6 so far
+ * apart that the 32-bit keys of a bucket's highs cut them alike). Each row
+ * becomes an IPv6 list, and an IPv4 and a port list where its values fit;
+ * every bound, its neighbours and the middle of every range and gap answer
+ * as the plain searches do. */
+TEST(FastPaths, RangeListsOfRealShapesAnswerAsThePlainSearches)
+{
+    using U = unsigned __int128;
+    struct Row {
+        const char *what;
+        unsigned n, group, width_bits;
+        bool touching;
+        U far;
+    };
+    const Row rows[] = {{"touching, as country tables", 3000, 0, 10, true, 0},
+                        {"touching ports", 3000, 0, 2, true, 0},
+                        {"widths 1 to 2^16 in clusters", 4000, 500, 16, false, U(1) << 27},
+                        {"groups of 20 narrow ranges far apart", 3000, 20, 6, false, U(1) << 24},
+                        {"groups of 20 narrow ranges very far apart", 3000, 20, 6, false, U(1) << 90}};
+    const auto six = [](U x) {
+        tazw::IPv6 a{};
+        for (int i = 0; i < 16; ++i) a[std::size_t(15 - i)] = std::uint8_t(x >> (8 * i));
+        return a;
+    };
+    for (const Row &row : rows) {
+        Rng r(row.n + row.group);
+        std::vector<std::pair<U, U>> spans;
+        U at = 5;
+        for (unsigned i = 0; i < row.n; ++i) {
+            if (row.group != 0 && i % row.group == 0) at += row.far;
+            const U w = U(1) << r.below(row.width_bits + 1);
+            spans.push_back({at, at + w - 1});
+            at += w + (row.touching ? (r.one_in(16) ? 1 + r.below(3) : 0) : r.below(4) * w);
+        }
+        std::vector<std::pair<std::uint32_t, std::uint32_t>> v4;
+        std::vector<std::pair<std::uint16_t, std::uint16_t>> ports;
+        std::vector<std::pair<tazw::IPv6, tazw::IPv6>> v6s;
+        for (const auto &[lo, hi] : spans) {
+            if (spans.back().second <= 0xFFFFFFFFu) v4.push_back({std::uint32_t(lo), std::uint32_t(hi)});
+            if (spans.back().second <= 0xFFFFu) ports.push_back({std::uint16_t(lo), std::uint16_t(hi)});
+            v6s.push_back({six(lo), six(hi)});
+        }
+        Image img(tazw::concat({tazw::section(magic4("IP"), 1, tazw::list(0, std::uint32_t(v4.size()), tazw::ip_entries(v4))),
+                                tazw::section(magic4("PORT"), 1, tazw::list(0, std::uint32_t(ports.size()), tazw::port_entries(ports))),
+                                tazw::section(magic4("IPV6"), 1, tazw::list(0, std::uint32_t(v6s.size()), tazw::ipv6_entries(v6s)))}));
+        ASSERT_NE(img.p, nullptr);
+        ASSERT_EQ(fast::build(img.p, kEveryList), 0);
+        for (const void *l : {v4.empty() ? nullptr : (const void *)img.p->ip_range_lists, (const void *)img.p->ipv6_range_lists,
+                              ports.empty() ? nullptr : (const void *)img.p->port_range_lists})
+            if (l != nullptr) {
+                ASSERT_EQ(fast::shape(fast::find(img.p, l)), fast::Shape::Buckets) << row.what;
+            }
+        for (std::size_t i = 0; i < spans.size(); ++i) {
+            const auto [lo, hi] = spans[i];
+            const U gap = i + 1 < spans.size() ? (hi + spans[i + 1].first) / 2 : hi + 7;
+            for (U x : {lo - 1, lo, lo + 1, (lo + hi) / 2, hi - 1, hi, hi + 1, gap}) {
+                const tazw::IPv6 a = six(x);
+                ASSERT_EQ(fast::list_search(img.p, img.p->ipv6_range_lists, a.data(), ipv6_rng_list_search),
+                          ipv6_rng_list_search(a.data(), img.p->ipv6_range_lists)) << row.what << " ipv6 " << std::uint64_t(x);
+                if (!v4.empty()) {
+                    ASSERT_EQ(fast::list_search(img.p, img.p->ip_range_lists, std::uint32_t(x), ip_rng_list_search),
+                              ip_rng_list_search(std::uint32_t(x), img.p->ip_range_lists)) << row.what << " ip " << std::uint64_t(x);
+                }
+                if (!ports.empty()) {
+                    ASSERT_EQ(fast::list_search(img.p, img.p->port_range_lists, std::uint16_t(x), port_rng_list_search),
+                              port_rng_list_search(std::uint16_t(x), img.p->port_range_lists)) << row.what << " port " << std::uint64_t(x);
+                }
+            }
+        }
+    }
+}
+
 /* ---- maps ------------------------------------------------------------------------------ */
 
 /* Every map type the searches know, and some they refuse. */
