@@ -136,6 +136,7 @@ struct DirFile {
     std::uint32_t ver;
     bool good;
     const char *prefix = "a";
+    bool raw = true; /* the file holds a raw pattern */
 };
 
 /* A fresh directory holding the files, each named after its version. */
@@ -143,7 +144,7 @@ std::string make_dir(const std::vector<DirFile> &files)
 {
     const std::string dir = tazt::temp_dir();
     for (const DirFile &f : files) {
-        const Bytes bytes = f.good ? good_file(f.ver, true) : corrupt_file(f.ver);
+        const Bytes bytes = f.good ? good_file(f.ver, f.raw) : corrupt_file(f.ver);
         EXPECT_TRUE(tazw::write_file(dir + "/" + tazw::pattern_file_name(f.prefix, f.ver), bytes));
     }
     return dir;
@@ -211,6 +212,8 @@ TEST(ApiLoad, ReloadReplacesOrKeepsTheOldPattern)
         {"newer file", std::vector<DirFile>{{kVer7, true}}, false, 0, "1.00007.00", true},
         {"newest corrupt", std::vector<DirFile>{{kVer7, true}, {kVer9, false}}, false, 0, "1.00007.00", true},
         {"same file again", std::nullopt, false, 0, "1.00005.00", true},
+        {"newer file without a raw pattern", std::vector<DirFile>{{kVer7, true, "a", false}}, false, 0, "1.00007.00",
+         false},
     };
     const std::string first = make_dir({{kVer5, true}});
     for (const ReloadCase &c : cases) {
@@ -226,19 +229,6 @@ TEST(ApiLoad, ReloadReplacesOrKeepsTheOldPattern)
         unsigned int count = 99;
         EXPECT_EQ(TAZE_GetRuleInfoCount(h.get(), &count), c.rc == 0 ? 0 : PARA_ERR);
     }
-}
-
-TEST(ApiLoad, ReloadDropsTheOldRawPattern)
-{
-    const std::string first = make_dir({{kVer5, true}});
-    const std::string second = tazt::temp_dir();
-    ASSERT_TRUE(tazw::write_file(second + "/" + tazw::pattern_file_name("a", kVer7), good_file(kVer7, false)));
-    tazt::Handle h = tazt::new_handle();
-    ASSERT_EQ(TAZE_LoadPatternDir(h.get(), first.c_str(), "a"), 0);
-    ASSERT_TRUE(raw_pattern(h.get()).has_value());
-    EXPECT_EQ(TAZE_ReloadPatternDir(h.get(), second.c_str(), "a"), 0);
-    EXPECT_EQ(pattern_version(h.get()), "1.00007.00");
-    EXPECT_EQ(raw_pattern(h.get()), std::nullopt);
 }
 
 struct VersionCase {

@@ -156,27 +156,6 @@ TEST(Match, RangeAndKeyComparators)
     EXPECT_EQ(rule_info_cmp(&r2, &r1), 1);
 }
 
-TEST(Match, RuleInfoSortAndSearch)
-{
-    const UINT32 ids[] = {30, 0x80000001u, 10, 20, 0xFFFFFFFFu};
-    std::vector<taz_rule_info_st> infos(std::size(ids));
-    for (size_t i = 0; i < infos.size(); ++i) infos[i].rule_id = ids[i];
-    taz_rule_info_list_st list{static_cast<UINT32>(infos.size()), infos.data()};
-    rule_info_list_init(&list);
-    rule_info_list_init(nullptr);
-    const UINT32 sorted[] = {10, 20, 30, 0x80000001u, 0xFFFFFFFFu};
-    for (size_t i = 0; i < infos.size(); ++i) EXPECT_EQ(infos[i].rule_id, sorted[i]) << i;
-    for (UINT32 id : sorted) {
-        const taz_rule_info_st *found = rule_info_list_search(id, &list);
-        ASSERT_NE(found, nullptr) << id;
-        EXPECT_EQ(found->rule_id, id);
-    }
-    EXPECT_EQ(rule_info_list_search(25, &list), nullptr);
-    EXPECT_EQ(rule_info_list_search(10, nullptr), nullptr);
-    const taz_rule_info_list_st empty{0, nullptr};
-    EXPECT_EQ(rule_info_list_search(10, &empty), nullptr);
-}
-
 /* The bisection visits exactly the entries glibc's bsearch visits. */
 std::vector<size_t> g_visits;
 const int *g_base = nullptr;
