@@ -368,8 +368,9 @@ TEST(Stress, ReloadUnderReadWriteLock)
     EXPECT_EQ(found.count(), 0) << found.text();
 }
 
-/* A C++ host: readers query lock-free through their reader objects while
- * the writer reloads the reloading handle. */
+/* A C++ host: readers query lock-free, by turns through their reader objects
+ * and through the holder, while the writer reloads the reloading handle; a
+ * snapshot a reader keeps answers as before after later reloads. */
 TEST(Stress, ReloadingHandleWithoutLocks)
 {
     PatternDir d;
@@ -380,8 +381,11 @@ TEST(Stress, ReloadingHandleWithoutLocks)
     run_stress(
         d,
         [&] {
-            return [&, reader = taze::reloading_handle::reader(rh)]() mutable {
-                check_all(reader.current()->native(), e.table, e.answers, e.versions, found);
+            return [&, reader = taze::reloading_handle::reader(rh), kept = rh.current(), n = 0]() mutable {
+                const taze::snapshot s = ++n % 2 ? reader.current() : rh.current();
+                check_all(s->native(), e.table, e.answers, e.versions, found);
+                check_all(kept->native(), e.table, e.answers, e.versions, found);
+                if (n % 7 == 0) kept = s;
             };
         },
         [&] { return rh.try_reload() ? 1 : 0; });
