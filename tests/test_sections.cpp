@@ -25,11 +25,11 @@ ImagePtr load(const Bytes &payload, bool second = false)
 }
 
 /* Loads with the error and warning bits set; returns what was printed. */
-std::string load_printing(const Bytes &payload, ImagePtr &out, bool second = false)
+std::string load_printing(const Bytes &payload, ImagePtr &out)
 {
     tazt::DebugMask mask(VKDEBUG_ERR | VKDEBUG_WARN);
     tazt::StdoutCapture cap;
-    out = load(payload, second);
+    out = load(payload);
     return cap.finish();
 }
 
@@ -243,28 +243,6 @@ TEST(SectionWalk, SectionsListNumbersAndStrings)
     EXPECT_EQ(cap.finish(), "") << "the overrun message needs the error bit";
 }
 
-TEST(RangeLists, EntriesAreCopied)
-{
-    ImagePtr img = load(concat({
-        section(MAGIC_TAZE_PATTERN_IP, 1, list(0, 1, ip_entries({{0x01020304, 0x0A0B0C0D}}))),
-        section(MAGIC_TAZE_PATTERN_IPV6, 1, list(1, 1, ipv6_entries({{kA, kA}}))),
-        /* a list size larger than its entries: the next list follows the size */
-        section(MAGIC_TAZE_PATTERN_PORT, 2,
-                concat({list(0, 1, concat({port_entries({{0, 65535}}), Bytes(6, 0xEE)})),
-                        list(1, 1, port_entries({{80, 80}}))})),
-    }));
-    ASSERT_TRUE(img);
-    EXPECT_EQ(img->ip_range_lists[0].ip_ranges[0].ip_l, 0x01020304u);
-    EXPECT_EQ(img->ip_range_lists[0].ip_ranges[0].ip_h, 0x0A0B0C0Du);
-    ASSERT_EQ(img->ipv6_range_lists[1].nr_ipv6_ranges, 1u);
-    EXPECT_EQ(0, std::memcmp(img->ipv6_range_lists[1].ipv6_ranges[0].ipv6_l.bytes, kA.data(), 16));
-    EXPECT_EQ(0, std::memcmp(img->ipv6_range_lists[1].ipv6_ranges[0].ipv6_h.bytes, kA.data(), 16));
-    ASSERT_EQ(img->max_port_range_list_count, 2u);
-    EXPECT_EQ(img->port_range_lists[0].port_ranges[0].port_l, 0);
-    EXPECT_EQ(img->port_range_lists[0].port_ranges[0].port_h, 65535);
-    EXPECT_EQ(img->port_range_lists[1].port_ranges[0].port_l, 80);
-}
-
 TEST(MapLists, EveryLayoutDecodes)
 {
     const std::vector<tazw::StrIntEntry> si{{"alpha", {1, 2, 3}}, {"beta", {}}};
@@ -323,30 +301,6 @@ TEST(MapLists, Ipv6ValuesAreCheckedFourBytesEachAgainstTheSection)
     EXPECT_EQ(m.ipv6s[0].bytes[15], 0xAB);
     EXPECT_EQ(0, std::memcmp(m.ipv6s[1].bytes, kAfter.data(), 16)) << "copied from the bytes that follow";
     EXPECT_EQ(m.ipv6s[3].bytes[15], 0x77);
-}
-
-TEST(SecondKind, NameSection)
-{
-    auto names = [](std::uint32_t count, std::initializer_list<Bytes> lists) {
-        return section(MAGIC_TAZE_PATTERN_ULM_INFO, count, concat(lists));
-    };
-    auto name = [](const std::string &s, UINT32 magic = MAGIC_TAZE_PATTERN_ULM_INFO, UINT32 n = 1) {
-        return list(magic, n, LeBuf().str(s).take());
-    };
-    const Bytes two = names(2, {name("first"), name("second")});
-    ImagePtr img(nullptr, ulm_unload_pattern);
-    EXPECT_EQ(load_printing(two, img, true), "");
-    ASSERT_TRUE(img);
-    EXPECT_EQ(text(img->ulm_info.malname), "second");
-    EXPECT_EQ(text(load(names(1, {name("")}), true)->ulm_info.malname), "");
-    EXPECT_EQ(load(str_section(1, strs(0, {"a"})), true)->ulm_info.malname, nullptr);
-    EXPECT_EQ(load(two)->ulm_info.malname, nullptr) << "the main kind skips the name section";
-
-    const Bytes odd = names(3, {name("x", 0x44434241), name("y", 0x45454545, 0), name("z")});
-    EXPECT_EQ(load_printing(odd, img, true), "BUG: Un-recognized pattern info pattern header magic: 44434241");
-    ASSERT_TRUE(img);
-    EXPECT_EQ(text(img->ulm_info.malname), "z");
-    EXPECT_FALSE(load(names(1, {list(MAGIC_TAZE_PATTERN_ULM_INFO, 1, LeBuf().u32(9).take())}), true));
 }
 
 /* Port lists numbered 0..k-1, each of size 0 and n entries that overlap the
