@@ -312,9 +312,9 @@ Bytes overlapping_port_lists(std::uint32_t k, std::uint32_t n)
     return section(MAGIC_TAZE_PATTERN_PORT, k, b.raw(Bytes(4 * std::size_t(n), 0x11)).take());
 }
 
+/* Counts and list numbers past the caps are swept in test_robustness. */
 TEST(Hostile, MalformedSectionsFailCleanly)
 {
-    const std::uint32_t cap = (1u << 20) + 34; /* list-record cap of a 34-byte payload */
     auto entry = [](UINT32 magic, LeBuf e) { return section(magic, 1, list(0, 1, e.take())); };
     const UINT32 INT_INT = MAGIC_TAZE_PATTERN_INT_INT_MAP, STR_STR = MAGIC_TAZE_PATTERN_STR_STR_MAP,
                  STR_IPV6 = MAGIC_TAZE_PATTERN_STR_IPV6_MAP;
@@ -327,20 +327,13 @@ TEST(Hostile, MalformedSectionsFailCleanly)
         {"list size one byte past the section", str_section(1, raw_list(0, 7, 1, LeBuf().str("a"))), false},
         {"list size ending at the section end", str_section(1, raw_list(0, 6, 1, LeBuf().str("a"))), true},
         {"string length 0xFFFFFFFF", str_section(1, raw_list(0, 8, 1, LeBuf().u32(0xFFFFFFFFu).u32(0))), false},
-        {"huge string count", str_section(1, list(0, 0xFFFFFFFFu, string_entries({"a"}))), false},
-        {"huge list count", str_section(0xFFFFFFFFu, strs(0, {"a"})), false},
-        {"huge list number", str_section(1, strs(0xFFFFFFFEu, {"a"})), false},
-        {"list number at the record cap", str_section(1, strs(cap - 1, {"a"})), true},
-        {"list number past the record cap", str_section(1, strs(cap, {"a"})), false},
         {"overlapping lists within the entry budget", overlapping_port_lists(10, 3000), true},
         {"overlapping lists beyond the entry budget", overlapping_port_lists(1000, 3000), false},
         {"IPv4 list of 3 holding 2 1/2 entries", section(MAGIC_TAZE_PATTERN_IP, 1, list(0, 3, Bytes(20, 1))), false},
         {"IPv6 range cut short", section(MAGIC_TAZE_PATTERN_IPV6, 1, list(0, 1, Bytes(31, 1))), false},
-        {"huge integer value count", entry(INT_INT, LeBuf().u32(1).u32(0xFFFFFFFFu).u32(5)), false},
         {"huge string value count", entry(STR_STR, LeBuf().str("k").u32(0x40000000u).str("v")), false},
         {"IPv6 values 4 x nr past 32 bits", entry(STR_IPV6, LeBuf().str("k").u32(0x40000000u)), false},
         {"5 IPv6 values need 20 bytes in the section", concat({ipv6_map_entry(5), kAfter}), false},
-        {"IPv6 values leaving the payload", ipv6_map_entry(4), false},
         {"key whose NUL ends the section", concat({entry(STR_STR, LeBuf().str("key")), kAfter}), false},
         {"string value without room for its NUL",
          concat({entry(STR_STR, LeBuf().str("key").u32(1).u32(2).raw("vv", 2)), kAfter}), false},
@@ -350,7 +343,6 @@ TEST(Hostile, MalformedSectionsFailCleanly)
     for (const auto &c : cases) EXPECT_EQ(bool(load(c.payload)), c.loads) << c.name;
 }
 
-/* A death-test pattern matching the text literally. */
 /* Deliberate assertions in Debug builds; a clean failure without them. */
 TEST(Preconditions, EmptyListSectionAndAbsentPayload)
 {
