@@ -1,5 +1,6 @@
 /* Loading one file or the newest good file of a directory, reloading with
- * fallback, version texts, the raw pattern and the pattern switches. */
+ * fallback, version texts and the raw pattern (the pattern switches are
+ * tested with the second kind). */
 #include <optional>
 #include <string>
 #include <vector>
@@ -301,40 +302,6 @@ TEST(ApiLoad, RawPattern)
     ASSERT_EQ(TAZE_LoadPattern(plain.get(), without.c_str()), 0);
     EXPECT_EQ(TAZE_GetRawPatternByType(plain.get(), RPT_YUB, &data, &len), UNKNOWN_ERR);
     EXPECT_EQ(TAZE_GetRawPatternByType(plain.get(), 1, &data, &len), PARA_ERR);
-}
-
-TEST(ApiLoad, CompilerVersionAndPatternSwitches)
-{
-    const std::uint32_t taz_compiler = make_ver(3, 1, 42);
-    const std::uint32_t ulm_compiler = make_ver(4, 2, 43);
-    const std::string both = tazt::write_temp(tazt::pattern_file(
-        tazw::pattern_info_section(taz_compiler), kVer77, tazw::pattern_info_section(ulm_compiler)));
-    const std::string main_only = tazt::write_temp(tazt::pattern_file(tazw::pattern_info_section(taz_compiler)));
-
-    tazt::Handle h = tazt::new_handle();
-    ASSERT_EQ(TAZE_LoadPattern(h.get(), both.c_str()), 0);
-    EXPECT_EQ(compiler_version(h.get()), "3.00042.01");
-    char small[10];
-    EXPECT_EQ(TAZE_GetCompilerVersion(h.get(), small, sizeof small), PARA_ERR);
-    TAZE_PointToULMPattern(h.get());
-    EXPECT_EQ(compiler_version(h.get()), "4.00043.02");
-    EXPECT_EQ(pattern_version(h.get()), "1.00077.35"); /* one record, whatever the kind */
-    TAZE_PointToTAZPattern(h.get());
-    EXPECT_EQ(compiler_version(h.get()), "3.00042.01");
-
-    /* Switched to a second kind that the file does not hold: no current
-     * pattern, and the threat type answers hidden. */
-    tazt::Handle m = tazt::new_handle();
-    ASSERT_EQ(TAZE_LoadPattern(m.get(), main_only.c_str()), 0);
-    TAZE_PointToULMPattern(m.get());
-    unsigned int count = 0, threat = 0;
-    EXPECT_EQ(compiler_version(m.get()), "none");
-    EXPECT_EQ(TAZE_GetRuleInfoCount(m.get(), &count), PARA_ERR);
-    EXPECT_EQ(TAZE_GetThreatType(m.get(), 1, &threat), 0);
-    EXPECT_EQ(threat, static_cast<unsigned int>(TT_HIDDEN));
-    TAZE_PointToTAZPattern(m.get());
-    EXPECT_EQ(TAZE_GetRuleInfoCount(m.get(), &count), 0);
-    EXPECT_EQ(count, 0u);
 }
 
 } // namespace
