@@ -6,21 +6,18 @@
 #include <vector>
 
 #include "test_support.h"
+#include "tazeptn.h"
 #include "tazewriter_info.h"
 
 namespace {
 
 using tazw::Bytes;
 
-constexpr std::uint32_t make_ver(std::uint32_t product, std::uint32_t build, std::uint32_t version)
-{
-    return (product & 0xFu) << 28 | (build & 0xFFu) << 20 | (version & 0xFFFFFu);
-}
-constexpr std::uint32_t kVer77 = make_ver(1, 35, 77);
+constexpr std::uint32_t kVer77 = KORM_MAKE_PATTERN_VER(1, 35, 77);
 static_assert(kVer77 == 0x1230004Du);
-constexpr std::uint32_t kVer5 = make_ver(1, 0, 5);
-constexpr std::uint32_t kVer7 = make_ver(1, 0, 7);
-constexpr std::uint32_t kVer9 = make_ver(1, 0, 9);
+constexpr std::uint32_t kVer5 = KORM_MAKE_PATTERN_VER(1, 0, 5);
+constexpr std::uint32_t kVer7 = KORM_MAKE_PATTERN_VER(1, 0, 7);
+constexpr std::uint32_t kVer9 = KORM_MAKE_PATTERN_VER(1, 0, 9);
 
 /* Fewer than 16 bytes: an image without sections. */
 const Bytes kTiny = {'t', 'a', 'z', 'e'};
@@ -243,9 +240,9 @@ TEST(ApiLoad, VersionTexts)
 {
     const std::vector<VersionCase> cases = {
         {kVer77, 10, PARA_ERR, ""}, {kVer77, 11, 0, "1.00077.35"}, {0, 11, 0, "0.00000.00"},
-        {make_ver(2, 7, 123456), 16, 0, "2.123456.07"},
-        {make_ver(15, 255, 0xFFFFF), 11, 0, "15.1048575"}, /* cut to size - 1 */
-        {make_ver(15, 255, 0xFFFFF), 32, 0, "15.1048575.255"},
+        {KORM_MAKE_PATTERN_VER(2, 7, 123456), 16, 0, "2.123456.07"},
+        {KORM_MAKE_PATTERN_VER(15, 255, 0xFFFFF), 11, 0, "15.1048575"}, /* cut to size - 1 */
+        {KORM_MAKE_PATTERN_VER(15, 255, 0xFFFFF), 32, 0, "15.1048575.255"},
     };
     for (const VersionCase &c : cases) {
         SCOPED_TRACE(c.text);

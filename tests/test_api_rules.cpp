@@ -7,16 +7,13 @@
 #include <vector>
 
 #include "api_fixtures.h"
+#include "tazeptn.h"
 
 namespace {
 
 using namespace apif;
 using namespace tazw;
 
-constexpr std::uint32_t make_ver(std::uint32_t product, std::uint32_t build, std::uint32_t version)
-{
-    return (product & 0xFu) << 28 | (build & 0xFFu) << 20 | (version & 0xFFFFFu);
-}
 
 const std::vector<RuleInfo> kRules = {
     /* Written out of id order; the queries by position see them sorted. */
@@ -59,8 +56,9 @@ Bytes full_payload()
 {
     return concat({rule_info_section(kRules), clean_info_section(kCleanTable), protocol_section(kProtocols, kGroups),
                    severity_section(severity()), threat_type_section(kThreats),
-                   info_section(info_magic::PATTERN_INFO, {compiler_version_list(make_ver(1, 1, 1)),
-                                                           compiler_version_list(make_ver(2, 3, 456))})});
+                   info_section(info_magic::PATTERN_INFO,
+                                {compiler_version_list(KORM_MAKE_PATTERN_VER(1, 1, 1)),
+                                 compiler_version_list(KORM_MAKE_PATTERN_VER(2, 3, 456))})});
 }
 
 /* Only rules: no clean table, protocols, risks, threat types or compiler version. */
@@ -418,7 +416,8 @@ TEST(ApiRules, ProtocolsAndGroups)
     /* Without a protocol section there is no entry 0 to fall back on. */
     tazt::Handle bare = tazt::load_payload(rules_only());
     expect_numbers(bare.get(), {{"protocol count", TAZE_GetProtocolCount, 0, 0},
-                                {"group of id 6", n1(id_group, 6), 0, 0}, {"size of group 100", n1(id_size, 100), 0, 0}});
+                                {"group of id 6", n1(id_group, 6), 0, 0},
+                                {"size of group 100", n1(id_size, 100), 0, 0}});
     expect_texts(bare.get(), {{"desc of id 6", txt(TAZE_GetProtocolIdDesc, 6), PARA_ERR, nullptr},
                               {"desc of group 100", txt(TAZE_GetProtocolGroupIdDesc, 100), PARA_ERR, nullptr}});
 }

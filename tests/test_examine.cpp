@@ -626,7 +626,8 @@ TEST(InspectDump, WarnsWhereTheSourceIsNotFaithful)
 TEST(InspectCommands, ExitCodes)
 {
     const std::string good = example_file(), missing = tazt::temp_dir() + "/missing.ptn", dir = tazt::temp_dir();
-    const std::string no_ulm = compile_to_file(tazc::parse_source(R"({"pattern_version": 5})", "."), false, "plain.ptn");
+    const std::string no_ulm =
+        compile_to_file(tazc::parse_source(R"({"pattern_version": 5})", "."), false, "plain.ptn");
     const std::string corrupt = tazt::write_temp(tazw::Bytes{'T', 'A', 'Z', 'P', 0, 1}, "corrupt.ptn");
     const std::string ulm_only = tazt::write_temp(apif::file_of({{8, tazw::pattern_info_section(1)}}), "ulm.ptn");
     const struct {
@@ -1082,7 +1083,8 @@ TEST(Authoring, EveryErrorAtOnce)
         "error: pattern_version: 99999999999999999999999 is too large (at most 4294967295)\n",
         "error: lists.exact.0[2]: duplicate string \"foo\" (same as \"Foo\" at lists.exact.0[0] when compared "
         "case-insensitively)\n",
-        "/bad-lines.txt:3: \"10.0.0.x\" is not an IPv4 address", "/bad-lines.txt:4: range 10.0.0.1 overlaps 10.0.0.1 at ",
+        "/bad-lines.txt:3: \"10.0.0.x\" is not an IPv4 address",
+        "/bad-lines.txt:4: range 10.0.0.1 overlaps 10.0.0.1 at ",
         "/bad.csv:2: no column 2 (the line has 2 columns, counted from 0)\n",
         "error: maps.suffix_to_int.0[\".a.COM\"]: key \".a.COM\" is covered by key \".com\" at "
         "maps.suffix_to_int.0[\".com\"]: lookups of strings that end with \".com\" can stop at \".a.COM\" and miss the "
@@ -1153,7 +1155,8 @@ TEST(Authoring, ToolMessages)
     const std::string corrupt = tazt::write_temp(tazw::build_container(c), "corrupt.ptn");
     const Outcome vc = taze({"verify", corrupt});
     EXPECT_EQ(vc.rc, 1);
-    EXPECT_NE(vc.out.find("error: file: the library cannot load the file: the reader failed with -1"), std::string::npos)
+    EXPECT_NE(vc.out.find("error: file: the library cannot load the file: the reader failed with -1"),
+              std::string::npos)
         << vc.out;
     EXPECT_NE(vc.out.find("checksum mismatch"), std::string::npos) << vc.out;
     const Outcome qc = taze({"query", corrupt, "exact", "0", "a"});
