@@ -68,55 +68,6 @@ TEST(Match, Comparators)
     }
 }
 
-TEST(Match, BackwardComparisonEdges)
-{
-    struct Row {
-        const char *s1, *s2;
-        UINT32 n;
-        int folded, exact;
-    };
-    const Row rows[] = {
-        {"", "", 0, 0, 0},
-        {"", "ab", 0, 0, 0},
-        {"", "aB", 2, -'b', -'B'},
-        {"xY", "", 0, 0, 0},
-        {"xY", "", 3, 'y', 'Y'},
-        {"xY", "y", 0x80000000u, 'y', 'Y'}, // n below 1 as a signed count
-        {"abc", "xbc", 2, 0, 0},             // only the last n bytes count
-        {"abc", "xbc", 3, 'a' - 'x', 'a' - 'x'},
-        {"bc", "abc", 3, -'a', -'a'},
-        {"abc", "BC", 2, 0, 'c' - 'C'},
-    };
-    for (const Row &r : rows) {
-        const counted_string_t a = cs(r.s1), b = cs(r.s2);
-        EXPECT_EQ(strncasecmp_reverse(&a, &b, r.n), r.folded) << r.s1 << " / " << r.s2;
-        EXPECT_EQ(strncmp_reverse(&a, &b, r.n), r.exact) << r.s1 << " / " << r.s2;
-    }
-}
-
-TEST(Match, SubstringSearches)
-{
-    struct Row {
-        const char *hay, *needle;
-        int folded, exact; // offset of the hit, -1 for none
-    };
-    const Row rows[] = {
-        {"abcABC", "Ca", 2, -1}, {"abcABC", "cA", 2, 2}, {"abcABC", "", -1, -1}, {"", "a", -1, -1},
-        {"ab", "abc", -1, -1},   {"xaXA", "xa", 0, 0},   {"aaab", "AB", 2, -1},  {"ab\xC4", "\xE4", -1, -1},
-    };
-    for (const Row &r : rows) {
-        const counted_string_t h = cs(r.hay), n = cs(r.needle);
-        const unsigned char *f = str_case_str(&h, &n), *e = str_str(&h, &n);
-        EXPECT_EQ(f ? f - h.ptr : -1, r.folded) << r.hay << " / " << r.needle;
-        EXPECT_EQ(e ? e - h.ptr : -1, r.exact) << r.hay << " / " << r.needle;
-    }
-    // The haystack ends at its length, not at its NUL.
-    const counted_string_t shortened{u("abcdef"), 4}, de = cs("de"), null_ptr{nullptr, 3};
-    EXPECT_EQ(str_case_str(&shortened, &de), nullptr);
-    EXPECT_EQ(str_case_str(&null_ptr, &de), nullptr);
-    EXPECT_EQ(str_str(&de, nullptr), nullptr);
-}
-
 TEST(Match, RangeAndKeyComparators)
 {
     const ip_rng_st ip{10, 20}, inverted{10, 5};
