@@ -65,6 +65,12 @@ public:
 private:
     void take(std::uint64_t v) { sink_ = sink_ * 31 + v; }
     void take(const unsigned char *s) { take(s ? std::strlen(reinterpret_cast<const char *>(s)) + 1 : 0); }
+    template <typename A, typename B, typename... More>
+    void take(A a, B b, More... more) /* in argument order */
+    {
+        take(a);
+        take(b, more...);
+    }
 
     /* ---- string lists -------------------------------------------------------- */
     template <typename L>
@@ -249,30 +255,21 @@ private:
     /* ---- rules and clean-up ------------------------------------------------------ */
     void rule_id(const taz_pattern_st *img, UINT32 id)
     {
-        take(taz_rule_id_description(img, id));
-        take(taz_rule_id_risk_type(img, id));
-        take(taz_rule_id_risk_type_group(img, id));
-        take(taz_rule_id_confidence_level(img, id));
-        take(taz_threat_type_get(img, id));
+        take(taz_rule_id_description(img, id), taz_rule_id_risk_type(img, id), taz_rule_id_risk_type_group(img, id),
+             taz_rule_id_confidence_level(img, id), taz_threat_type_get(img, id));
         UINT32 target = 0, priority = 0;
         const unsigned char *src = nullptr, *dst = nullptr;
         for (UINT32 protocol : {0u, 6u, 17u, p_.number & 0xFFFFu})
             for (UINT32 direction : {1u, 2u, 3u}) take(taz_rule_id_check_clean(img, id, protocol, direction, &target));
-        if (taz_rule_id_get_clean(img, id, &priority, &src, &dst) == 0) {
-            take(src);
-            take(dst);
-        }
+        if (taz_rule_id_get_clean(img, id, &priority, &src, &dst) == 0) take(src, dst);
     }
 
     void rules(const taz_pattern_st *img)
     {
         const UINT32 count = taz_rule_count(img);
         for (UINT32 i = 0; i <= std::min(count, kMaxRecords); ++i) {
-            take(taz_rule_index_desc(img, i));
-            take(taz_rule_index_risk_type(img, i));
-            take(taz_rule_index_risk_type_group(img, i));
-            take(taz_rule_index_confidence_level(img, i));
-            take(taz_rule_index_enable(img, i));
+            take(taz_rule_index_desc(img, i), taz_rule_index_risk_type(img, i), taz_rule_index_risk_type_group(img, i),
+                 taz_rule_index_confidence_level(img, i), taz_rule_index_enable(img, i));
             rule_id(img, taz_rule_index_rule_id(img, i));
         }
         rule_id(img, p_.number);
@@ -285,10 +282,7 @@ private:
             UINT32 target = 0, priority = 0;
             const unsigned char *src = nullptr, *dst = nullptr;
             for (UINT32 direction : {1u, 2u, 3u}) take(taz_clean_info_check_clean(img, protocol, direction, &target));
-            if (taz_clean_info_get_clean(img, protocol, &priority, &src, &dst) == 0) {
-                take(src);
-                take(dst);
-            }
+            if (taz_clean_info_get_clean(img, protocol, &priority, &src, &dst) == 0) take(src, dst);
         }
     }
 
@@ -298,24 +292,19 @@ private:
         const UINT32 np = taz_protocol_count(img), ng = taz_protocol_group_count(img);
         for (UINT32 i = 0; i <= std::min(np, kMaxRecords); ++i) {
             const UINT32 id = taz_protocol_index_id(img, i);
-            take(taz_protocol_index_desc(img, i));
-            take(taz_protocol_index_group_id(img, i));
-            take(taz_protocol_id_desc(img, id));
-            take(taz_protocol_id_group_id(img, id));
+            take(taz_protocol_index_desc(img, i), taz_protocol_index_group_id(img, i), taz_protocol_id_desc(img, id),
+                 taz_protocol_id_group_id(img, id));
         }
         for (UINT32 g = 0; g <= std::min(ng, kMaxRecords); ++g) {
             const UINT32 id = taz_protocol_group_index_id(img, g);
             take(taz_protocol_group_index_desc(img, g));
             const UINT32 members = taz_protocol_group_index_protocol_count(img, g);
-            for (UINT32 m = 0; m <= std::min(members, kMaxRecords); ++m) {
-                take(taz_protocol_group_index_protocol_index(img, g, m));
-                take(taz_protocol_group_id_protocol_index_id(img, id, m));
-            }
-            take(taz_protocol_group_id_desc(img, id));
-            take(taz_protocol_group_id_protocol_count(img, id));
+            for (UINT32 m = 0; m <= std::min(members, kMaxRecords); ++m)
+                take(taz_protocol_group_index_protocol_index(img, g, m),
+                     taz_protocol_group_id_protocol_index_id(img, id, m));
+            take(taz_protocol_group_id_desc(img, id), taz_protocol_group_id_protocol_count(img, id));
         }
-        take(taz_protocol_id_desc(img, p_.number));
-        take(taz_protocol_group_id_desc(img, p_.number));
+        take(taz_protocol_id_desc(img, p_.number), taz_protocol_group_id_desc(img, p_.number));
     }
 
     /* ---- risks -------------------------------------------------------------------------- */

@@ -90,8 +90,8 @@ std::vector<Entry> string_keyed(unsigned key_rule, bool compact, MakeValues make
     return out;
 }
 
-/* The entries of list number `number` of a section kind. */
-inline Bytes list_entries(const ListKind &k, std::uint32_t number, std::uint32_t &count, bool compact)
+/* The entry count and the entries of list number `number` of a section kind. */
+inline std::pair<std::uint32_t, Bytes> list_entries(const ListKind &k, std::uint32_t number, bool compact)
 {
     using namespace tazw;
     const auto values = [&k, compact](std::uint32_t i) {
@@ -100,47 +100,26 @@ inline Bytes list_entries(const ListKind &k, std::uint32_t number, std::uint32_t
         return sorted(order_for_rule(k.value_rule), v);
     };
     const auto ints = [number](std::uint32_t i) { return std::vector<std::uint32_t>{i, 7, 100 + number}; };
+    const auto map = [](const auto &e) { return std::make_pair(std::uint32_t(e.size()), map_entries(e)); };
     switch (k.shape) {
     case Shape::Strings: {
         const auto s = sorted(order_for_list_section(k.magic), sample_words(compact));
-        count = std::uint32_t(s.size());
-        return string_entries(s);
+        return {std::uint32_t(s.size()), string_entries(s)};
     }
     case Shape::Ip:
-        count = 3;
-        return ip_entries({{0x0A000000u, 0x0AFFFFFFu}, {0xC0A80000u + number, 0xC0A800FFu}, {0xFFFFFFFEu, 0xFFFFFFFFu}});
-    case Shape::Ipv6:
-        count = 2;
-        return ipv6_entries({{v6(0x20, 0), v6(0x20, 0xFF)}, {v6(0xFE, 1), v6(0xFE, 9)}});
-    case Shape::Port:
-        count = 3;
-        return port_entries({{0, 0}, {80, 443}, {8000, 65535}});
-    case Shape::StrInt: {
-        const auto e = string_keyed<StrIntEntry>(k.key_rule, compact, ints);
-        count = std::uint32_t(e.size());
-        return map_entries(e);
-    }
-    case Shape::StrIpv6: {
-        const auto e = string_keyed<StrIPv6Entry>(k.key_rule, compact, [](std::uint32_t i) {
+        return {3, ip_entries({{0x0A000000u, 0x0AFFFFFFu}, {0xC0A80000u + number, 0xC0A800FFu},
+                               {0xFFFFFFFEu, 0xFFFFFFFFu}})};
+    case Shape::Ipv6: return {2, ipv6_entries({{v6(0x20, 0), v6(0x20, 0xFF)}, {v6(0xFE, 1), v6(0xFE, 9)}})};
+    case Shape::Port: return {3, port_entries({{0, 0}, {80, 443}, {8000, 65535}})};
+    case Shape::StrInt: return map(string_keyed<StrIntEntry>(k.key_rule, compact, ints));
+    case Shape::StrIpv6:
+        return map(string_keyed<StrIPv6Entry>(k.key_rule, compact, [](std::uint32_t i) {
             return std::vector<IPv6>{v6(0x20, std::uint8_t(i)), v6(0xFE, 1)};
-        });
-        count = std::uint32_t(e.size());
-        return map_entries(e);
-    }
-    case Shape::StrStr: {
-        const auto e = string_keyed<StrStrEntry>(k.key_rule, compact, values);
-        count = std::uint32_t(e.size());
-        return map_entries(e);
-    }
-    case Shape::IntInt:
-        count = 3;
-        return map_entries(std::vector<IntIntEntry>{{1, {1, 2}}, {5, {}}, {1000, ints(number)}});
-    case Shape::Ipv6Int:
-        count = 2;
-        return map_entries(std::vector<IPv6IntEntry>{{v6(0x20, 1), {1, 2}}, {v6(0xFE, 2), ints(number)}});
-    case Shape::IntStr:
-        count = 3;
-        return map_entries(std::vector<IntStrEntry>{{2, values(0)}, {3, {}}, {40, values(1)}});
+        }));
+    case Shape::StrStr: return map(string_keyed<StrStrEntry>(k.key_rule, compact, values));
+    case Shape::IntInt: return map(std::vector<IntIntEntry>{{1, {1, 2}}, {5, {}}, {1000, ints(number)}});
+    case Shape::Ipv6Int: return map(std::vector<IPv6IntEntry>{{v6(0x20, 1), {1, 2}}, {v6(0xFE, 2), ints(number)}});
+    case Shape::IntStr: return map(std::vector<IntStrEntry>{{2, values(0)}, {3, {}}, {40, values(1)}});
     }
     return {};
 }
@@ -150,8 +129,7 @@ inline Bytes list_section(const ListKind &k, bool compact = false)
 {
     Bytes body;
     for (std::uint32_t number : {0u, 2u}) {
-        std::uint32_t count = 0;
-        const Bytes entries = list_entries(k, number, count, compact);
+        const auto [count, entries] = list_entries(k, number, compact);
         const Bytes l = tazw::list(number, count, entries);
         body.insert(body.end(), l.begin(), l.end());
     }
@@ -164,17 +142,9 @@ inline Bytes rule_section()
 {
     using namespace tazw;
     std::vector<RuleInfo> rules;
-    for (std::uint32_t id : {42u, 7u, 1000u, 7u}) {
-        RuleInfo r;
-        r.rule_id = id;
-        r.confidence_level = id % 5;
-        r.risk_type = "risk-" + std::to_string(id);
-        r.risk_type_group = id % 3;
-        r.enable = 1;
-        r.description = "rule " + std::to_string(id);
-        r.clean = CleanInfo{6, 17, 1, id % 4, 3, "src", "dst", std::nullopt};
-        rules.push_back(r);
-    }
+    for (std::uint32_t id : {42u, 7u, 1000u, 7u})
+        rules.push_back({id, id % 5, "risk-" + std::to_string(id), id % 3, 1, "rule " + std::to_string(id),
+                         CleanInfo{6, 17, 1, id % 4, 3, "src", "dst", std::nullopt}, std::nullopt});
     return rule_info_section(rules);
 }
 

@@ -6,7 +6,9 @@
 
 #include <algorithm>
 #include <cstdint>
+#include <functional>
 #include <string>
+#include <tuple>
 #include <utility>
 #include <vector>
 
@@ -135,6 +137,73 @@ inline std::string take(char *&s)
     std::free(s);
     s = nullptr;
     return t;
+}
+
+/* ---- queries answered as text ------------------------------------------------------ */
+/* A query of the C interface; its answer is the result code, a space and
+ * what the outputs hold (copies the library made are freed). */
+struct Query {
+    std::string name;
+    std::function<std::string(TAZE *)> ask;
+};
+
+/* The outputs of one kind of getter: pointers handed to it, and their text. */
+struct Number {
+    unsigned v = 0;
+    auto outputs() { return std::make_tuple(&v); }
+    std::string text() const { return std::to_string(v); }
+};
+struct Text {
+    char *s = nullptr;
+    auto outputs() { return std::make_tuple(&s); }
+    std::string text() { return take(s); }
+};
+struct Clean {
+    unsigned priority = 0;
+    char *src = nullptr, *dst = nullptr;
+    auto outputs() { return std::make_tuple(&priority, &src, &dst); }
+    std::string text() { return std::to_string(priority) + " " + take(src) + " " + take(dst); }
+};
+struct Risk {
+    unsigned policy = 0, severity = 0;
+    auto outputs() { return std::make_tuple(&policy, &severity); }
+    std::string text() const { return std::to_string(policy) + "/" + std::to_string(severity); }
+};
+
+/* A borrowed map record: its key, value count and first value. */
+inline std::string describe(const TAZE_CountedString &s) { return text(s); }
+inline std::string describe(std::uint32_t v) { return std::to_string(v); }
+inline std::string describe(const TAZE_IPv6 &a)
+{
+    return std::to_string(a.bytes[0]) + "." + std::to_string(a.bytes[15]);
+}
+template <typename R>
+struct Record {
+    R r{};
+    auto outputs() { return std::make_tuple(&r); }
+    std::string text() const
+    {
+        const auto &[key, n, values] = r;
+        return describe(key) + " #" + std::to_string(n) + (n && values ? " " + describe(values[0]) : "");
+    }
+};
+
+/* A getter called with the arguments a, then a pointer to each output. */
+template <typename Out, typename Fn, typename... A>
+Query query(std::string name, Fn fn, A... a)
+{
+    return {std::move(name), [=](TAZE *h) {
+                Out out;
+                const int rc = std::apply([&](auto... o) { return fn(h, a..., o...); }, out.outputs());
+                return std::to_string(rc) + " " + out.text();
+            }};
+}
+
+/* A call whose result is the whole answer. */
+template <typename Fn, typename... A>
+Query plain(std::string name, Fn fn, A... a)
+{
+    return {std::move(name), [=](TAZE *h) { return std::to_string(fn(h, a...)); }};
 }
 
 inline tazw::IPv6 v6(std::initializer_list<std::uint8_t> head, std::uint8_t last = 0)

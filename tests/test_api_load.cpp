@@ -1,25 +1,23 @@
 /* Loading one file or the newest good file of a directory, reloading with
- * fallback, version texts, the raw pattern and the pattern switches. */
+ * fallback, version texts and the raw pattern (the pattern switches are
+ * tested with the second kind). */
 #include <optional>
 #include <string>
 #include <vector>
 
 #include "test_support.h"
+#include "tazeptn.h"
 #include "tazewriter_info.h"
 
 namespace {
 
 using tazw::Bytes;
 
-constexpr std::uint32_t make_ver(std::uint32_t product, std::uint32_t build, std::uint32_t version)
-{
-    return (product & 0xFu) << 28 | (build & 0xFFu) << 20 | (version & 0xFFFFFu);
-}
-constexpr std::uint32_t kVer77 = make_ver(1, 35, 77);
+constexpr std::uint32_t kVer77 = KORM_MAKE_PATTERN_VER(1, 35, 77);
 static_assert(kVer77 == 0x1230004Du);
-constexpr std::uint32_t kVer5 = make_ver(1, 0, 5);
-constexpr std::uint32_t kVer7 = make_ver(1, 0, 7);
-constexpr std::uint32_t kVer9 = make_ver(1, 0, 9);
+constexpr std::uint32_t kVer5 = KORM_MAKE_PATTERN_VER(1, 0, 5);
+constexpr std::uint32_t kVer7 = KORM_MAKE_PATTERN_VER(1, 0, 7);
+constexpr std::uint32_t kVer9 = KORM_MAKE_PATTERN_VER(1, 0, 9);
 
 /* Fewer than 16 bytes: an image without sections. */
 const Bytes kTiny = {'t', 'a', 'z', 'e'};
@@ -136,6 +134,7 @@ struct DirFile {
     std::uint32_t ver;
     bool good;
     const char *prefix = "a";
+    bool raw = true; /* the file holds a raw pattern */
 };
 
 /* A fresh directory holding the files, each named after its version. */
@@ -143,7 +142,7 @@ std::string make_dir(const std::vector<DirFile> &files)
 {
     const std::string dir = tazt::temp_dir();
     for (const DirFile &f : files) {
-        const Bytes bytes = f.good ? good_file(f.ver, true) : corrupt_file(f.ver);
+        const Bytes bytes = f.good ? good_file(f.ver, f.raw) : corrupt_file(f.ver);
         EXPECT_TRUE(tazw::write_file(dir + "/" + tazw::pattern_file_name(f.prefix, f.ver), bytes));
     }
     return dir;
@@ -211,6 +210,8 @@ TEST(ApiLoad, ReloadReplacesOrKeepsTheOldPattern)
         {"newer file", std::vector<DirFile>{{kVer7, true}}, false, 0, "1.00007.00", true},
         {"newest corrupt", std::vector<DirFile>{{kVer7, true}, {kVer9, false}}, false, 0, "1.00007.00", true},
         {"same file again", std::nullopt, false, 0, "1.00005.00", true},
+        {"newer file without a raw pattern", std::vector<DirFile>{{kVer7, true, "a", false}}, false, 0, "1.00007.00",
+         false},
     };
     const std::string first = make_dir({{kVer5, true}});
     for (const ReloadCase &c : cases) {
@@ -228,19 +229,6 @@ TEST(ApiLoad, ReloadReplacesOrKeepsTheOldPattern)
     }
 }
 
-TEST(ApiLoad, ReloadDropsTheOldRawPattern)
-{
-    const std::string first = make_dir({{kVer5, true}});
-    const std::string second = tazt::temp_dir();
-    ASSERT_TRUE(tazw::write_file(second + "/" + tazw::pattern_file_name("a", kVer7), good_file(kVer7, false)));
-    tazt::Handle h = tazt::new_handle();
-    ASSERT_EQ(TAZE_LoadPatternDir(h.get(), first.c_str(), "a"), 0);
-    ASSERT_TRUE(raw_pattern(h.get()).has_value());
-    EXPECT_EQ(TAZE_ReloadPatternDir(h.get(), second.c_str(), "a"), 0);
-    EXPECT_EQ(pattern_version(h.get()), "1.00007.00");
-    EXPECT_EQ(raw_pattern(h.get()), std::nullopt);
-}
-
 struct VersionCase {
     std::uint32_t ver;
     int size;
@@ -252,9 +240,9 @@ TEST(ApiLoad, VersionTexts)
 {
     const std::vector<VersionCase> cases = {
         {kVer77, 10, PARA_ERR, ""}, {kVer77, 11, 0, "1.00077.35"}, {0, 11, 0, "0.00000.00"},
-        {make_ver(2, 7, 123456), 16, 0, "2.123456.07"},
-        {make_ver(15, 255, 0xFFFFF), 11, 0, "15.1048575"}, /* cut to size - 1 */
-        {make_ver(15, 255, 0xFFFFF), 32, 0, "15.1048575.255"},
+        {KORM_MAKE_PATTERN_VER(2, 7, 123456), 16, 0, "2.123456.07"},
+        {KORM_MAKE_PATTERN_VER(15, 255, 0xFFFFF), 11, 0, "15.1048575"}, /* cut to size - 1 */
+        {KORM_MAKE_PATTERN_VER(15, 255, 0xFFFFF), 32, 0, "15.1048575.255"},
     };
     for (const VersionCase &c : cases) {
         SCOPED_TRACE(c.text);
@@ -311,40 +299,6 @@ TEST(ApiLoad, RawPattern)
     ASSERT_EQ(TAZE_LoadPattern(plain.get(), without.c_str()), 0);
     EXPECT_EQ(TAZE_GetRawPatternByType(plain.get(), RPT_YUB, &data, &len), UNKNOWN_ERR);
     EXPECT_EQ(TAZE_GetRawPatternByType(plain.get(), 1, &data, &len), PARA_ERR);
-}
-
-TEST(ApiLoad, CompilerVersionAndPatternSwitches)
-{
-    const std::uint32_t taz_compiler = make_ver(3, 1, 42);
-    const std::uint32_t ulm_compiler = make_ver(4, 2, 43);
-    const std::string both = tazt::write_temp(tazt::pattern_file(
-        tazw::pattern_info_section(taz_compiler), kVer77, tazw::pattern_info_section(ulm_compiler)));
-    const std::string main_only = tazt::write_temp(tazt::pattern_file(tazw::pattern_info_section(taz_compiler)));
-
-    tazt::Handle h = tazt::new_handle();
-    ASSERT_EQ(TAZE_LoadPattern(h.get(), both.c_str()), 0);
-    EXPECT_EQ(compiler_version(h.get()), "3.00042.01");
-    char small[10];
-    EXPECT_EQ(TAZE_GetCompilerVersion(h.get(), small, sizeof small), PARA_ERR);
-    TAZE_PointToULMPattern(h.get());
-    EXPECT_EQ(compiler_version(h.get()), "4.00043.02");
-    EXPECT_EQ(pattern_version(h.get()), "1.00077.35"); /* one record, whatever the kind */
-    TAZE_PointToTAZPattern(h.get());
-    EXPECT_EQ(compiler_version(h.get()), "3.00042.01");
-
-    /* Switched to a second kind that the file does not hold: no current
-     * pattern, and the threat type answers hidden. */
-    tazt::Handle m = tazt::new_handle();
-    ASSERT_EQ(TAZE_LoadPattern(m.get(), main_only.c_str()), 0);
-    TAZE_PointToULMPattern(m.get());
-    unsigned int count = 0, threat = 0;
-    EXPECT_EQ(compiler_version(m.get()), "none");
-    EXPECT_EQ(TAZE_GetRuleInfoCount(m.get(), &count), PARA_ERR);
-    EXPECT_EQ(TAZE_GetThreatType(m.get(), 1, &threat), 0);
-    EXPECT_EQ(threat, static_cast<unsigned int>(TT_HIDDEN));
-    TAZE_PointToTAZPattern(m.get());
-    EXPECT_EQ(TAZE_GetRuleInfoCount(m.get(), &count), 0);
-    EXPECT_EQ(count, 0u);
 }
 
 } // namespace

@@ -82,23 +82,25 @@ std::string arg_text(unsigned int v) { return std::to_string(v); }
 /* ---- one family's four functions with one signature shape ---------------------------- */
 template <typename K, typename V, typename R>
 struct Api {
+    const char *family;
     int (*search)(TAZE *, int ptn_type, int map_type, int magic, K key, V value);
     int (*by_key)(TAZE *, int ptn_type, int map_type, int magic, K key, R *result);
     int (*count)(TAZE *, int ptn_type, int map_type, int magic);
     int (*by_index)(TAZE *, int ptn_type, int map_type, int magic, int index, R *result);
 };
 
-const Api<const char *, unsigned int, TAZE_StringIntMap> kSI = {
-    TAZE_PatternSearchSIMap, TAZE_PatternGetSIMapByKey, TAZE_PatternGetSIMapCount, TAZE_PatternGetSIMapByIndex};
+const Api<const char *, unsigned int, TAZE_StringIntMap> kSI = {"string to integers", TAZE_PatternSearchSIMap,
+    TAZE_PatternGetSIMapByKey, TAZE_PatternGetSIMapCount, TAZE_PatternGetSIMapByIndex};
 const Api<const char *, const unsigned char *, TAZE_StringIPv6Map> kSI6 = {
-    TAZE_PatternSearchSIPv6Map, TAZE_PatternGetSIPv6MapByKey, TAZE_PatternGetSIPv6MapCount,
+    "string to addresses", TAZE_PatternSearchSIPv6Map, TAZE_PatternGetSIPv6MapByKey, TAZE_PatternGetSIPv6MapCount,
     TAZE_PatternGetSIPv6MapByIndex};
-const Api<unsigned int, const char *, TAZE_IntStringMap> kIS = {
-    TAZE_PatternSearchISMap, TAZE_PatternGetISMapByKey, TAZE_PatternGetISMapCount, TAZE_PatternGetISMapByIndex};
-const Api<const char *, const char *, TAZE_StringStringMap> kSS = {
-    TAZE_PatternSearchSSMap, TAZE_PatternGetSSMapByKey, TAZE_PatternGetSSMapCount, TAZE_PatternGetSSMapByIndex};
+const Api<unsigned int, const char *, TAZE_IntStringMap> kIS = {"integer to strings", TAZE_PatternSearchISMap,
+    TAZE_PatternGetISMapByKey, TAZE_PatternGetISMapCount, TAZE_PatternGetISMapByIndex};
+const Api<const char *, const char *, TAZE_StringStringMap> kSS = {"string to strings", TAZE_PatternSearchSSMap,
+    TAZE_PatternGetSSMapByKey, TAZE_PatternGetSSMapCount, TAZE_PatternGetSSMapByIndex};
 /* The address-keyed family takes no map type; the integer one ignores it. */
 const Api<const unsigned char *, unsigned int, TAZE_IPv6IntMap> kI6I = {
+    "address to integers",
     [](TAZE *h, int pt, int, int magic, const unsigned char *k, unsigned int v) {
         return TAZE_PatternSearchIPv6IMap(h, pt, magic, k, v);
     },
@@ -111,6 +113,7 @@ const Api<const unsigned char *, unsigned int, TAZE_IPv6IntMap> kI6I = {
     },
 };
 const Api<unsigned int, unsigned int, TAZE_IntIntMap> kII = {
+    "integer to integers",
     [](TAZE *h, int pt, int, int magic, unsigned int k, unsigned int v) {
         return TAZE_PatternSearchIIMap(h, pt, magic, k, v);
     },
@@ -159,9 +162,17 @@ struct Rows {
     }
 };
 
+using SI = Rows<const char *, unsigned int>;
+using SA = Rows<const char *, const unsigned char *>;
+using AI = Rows<const unsigned char *, unsigned int>;
+using II = Rows<unsigned int, unsigned int>;
+using IS = Rows<unsigned int, const char *>;
+using SS = Rows<const char *, const char *>;
+
 template <typename K, typename V, typename R>
 void run(TAZE *h, int ptn_type, const Api<K, V, R> &api, const std::vector<Row<K, V>> &rows)
 {
+    SCOPED_TRACE(api.family);
     for (const Row<K, V> &r : rows) {
         SCOPED_TRACE(r.describe());
         R res = garbage<R>();
@@ -193,7 +204,7 @@ Bytes one_list_per_type(Family f, const std::vector<Entry> (&by_type)[4])
     return b;
 }
 
-/* ---- string to integers -------------------------------------------------------------- */
+/* ---- every family on its own lists ----------------------------------------------------- */
 Bytes str_int_maps()
 {
     using E = tazw::StrIntEntry;
@@ -206,45 +217,6 @@ Bytes str_int_maps()
     return one_list_per_type(Family::StrInt, by_type);
 }
 
-TEST(ApiMaps, StringToIntegers)
-{
-    tazt::Handle h = tazt::load_payload(str_int_maps());
-    using X = Rows<const char *, unsigned int>;
-    run(h.get(), PT_TAZ, kSI,
-        {
-            X::search(MT_STRING, "ALPHA", 2, 1),
-            X::search(MT_STRING, "alpha", 3, 0), /* key found, value not: 0 */
-            X::search(MT_STRING, "alph", 1, -1), X::search(MT_STRING, "gamma", 0, 0),
-            X::search(MT_STRING, nullptr, 1, 0),
-            X::search(MT_PREFIX, "HTTP://x", 80, 1),
-            X::search(MT_PREFIX, "http://x", 81, 0),
-            X::search(MT_PREFIX, "gopher", 80, -1), X::search(MT_SUFFIX, "www.EXAMPLE.com", 7, 1),
-            X::search(MT_SUFFIX, "x.org", 8, 1), X::search(MT_SUFFIX, "example.com", 7, -1),
-            X::search(MT_SUBSTR, "email", 1, 1),
-            X::search(MT_SUBSTR, "email", 2, 0), /* "mail" is met before "ail" */
-            X::search(MT_SUBSTR, "tail", 2, 1), X::search(MT_SUBSTR, "xyz", 1, -1),
-            X::search(MT_STRING_PREFIX, "alpha", 1, -1), /* exact lists selected, type refused */
-            X::search(MT_SUFFIX_STRING, "alpha", 1, -1), X::search(MT_STRING, "alpha", 1, PARA_ERR, 1),
-            X::search(MT_STRING, "alpha", 1, PARA_ERR, -1),
-
-            X::by_key(MT_STRING, "BETA", 0, "Beta=3"), X::by_key(MT_STRING, "gamma", 0, "gamma="),
-            X::by_key(MT_PREFIX, "ftp://a", 0, "ftp=21"),
-            X::by_key(MT_SUFFIX, "a.b.ORG", 0, ".org=8"), X::by_key(MT_SUBSTR, "email", 0, "mail=1"),
-            X::by_key(MT_STRING, "nope", -1, "{}"), X::by_key(MT_STRING, nullptr, -1, "{}"),
-            X::by_key(MT_STRING_PREFIX, "alpha", -1, "{}"), X::by_key(MT_STRING, "alpha", PARA_ERR, nullptr, 1),
-
-            X::count(MT_STRING, 3), X::count(MT_PREFIX, 2), X::count(MT_SUBSTR, 2), X::count(MT_STRING, PARA_ERR, 1),
-            X::count(MT_STRING, PARA_ERR, -1),
-
-            X::by_index(MT_STRING, 0, 0, "alpha=1,2"), X::by_index(MT_STRING, 1, 0, "Beta=3"),
-            X::by_index(MT_STRING, 2, 0, "gamma="), X::by_index(MT_STRING, 3, -1, "{}"),
-            X::by_index(MT_STRING, -1, -1, "{}"),
-            X::by_index(MT_SUFFIX, 0, 0, ".org=8"), /* ordered by the reversed text */
-            X::by_index(MT_SUBSTR, 1, 0, "ail=2"), X::by_index(MT_STRING, 0, PARA_ERR, nullptr, 1),
-        });
-}
-
-/* ---- string to IPv6 addresses ----------------------------------------------------------- */
 Bytes str_ipv6_maps()
 {
     using E = tazw::StrIPv6Entry;
@@ -254,40 +226,6 @@ Bytes str_ipv6_maps()
     return one_list_per_type(Family::StrIPv6, by_type);
 }
 
-TEST(ApiMaps, StringToAddresses)
-{
-    tazt::Handle h = tazt::load_payload(str_ipv6_maps());
-    using X = Rows<const char *, const unsigned char *>;
-    run(h.get(), PT_TAZ, kSI6,
-        {
-            X::search(MT_STRING, "ALPHA", B, 1), X::search(MT_STRING, "alpha", D, 0),
-            X::search(MT_STRING, "alpha", nullptr, 0),
-            X::search(MT_STRING, "nope", nullptr, 0), /* the value is checked before the key */
-            X::search(MT_STRING, "nope", A, -1), X::search(MT_PREFIX, "HTTPS", C, 1),
-            X::search(MT_SUFFIX, "x.COM", A, 1), X::search(MT_SUBSTR, "email", B, 0),
-            X::search(MT_SUBSTR, "tail", B, 1), X::search(MT_STRING_PREFIX, "alpha", A, -1),
-            X::search(MT_STRING, "alpha", A, PARA_ERR, 1),
-
-            /* By key never searches: always -1 and a cleared result. */
-            X::by_key(MT_STRING, "alpha", -1, "{}"), X::by_key(MT_PREFIX, "http", -1, "{}"),
-            X::by_key(MT_STRING, "alpha", -1, "{}", 5), X::by_key(MT_STRING, "alpha", -1, "{}", -1),
-            X::by_key(99, nullptr, -1, "{}"),
-
-            X::count(MT_STRING, 2), X::count(MT_PREFIX, 1), X::count(MT_SUFFIX, 1), X::count(MT_SUBSTR, 2),
-            X::count(MT_STRING, PARA_ERR, 1),
-
-            X::by_index(MT_STRING, 0, 0, "alpha=A,B"), X::by_index(MT_STRING, 1, 0, "beta="),
-            X::by_index(MT_PREFIX, 0, 0, "http=C"), X::by_index(MT_SUBSTR, 0, 0, "mail=A"),
-            X::by_index(MT_STRING, 2, -1, "{}"), X::by_index(MT_STRING, -1, -1, "{}"),
-        });
-    /* The handle is still checked first. */
-    TAZE_StringIPv6Map r = garbage<TAZE_StringIPv6Map>();
-    EXPECT_EQ(TAZE_PatternGetSIPv6MapByKey(h.get(), 2, MT_STRING, 0, "alpha", &r), PARA_ERR);
-    EXPECT_EQ(TAZE_PatternGetSIPv6MapByKey(h.get(), PT_ULM, MT_STRING, 0, "alpha", &r), PARA_ERR);
-    EXPECT_EQ(TAZE_PatternGetSIPv6MapByKey(nullptr, PT_TAZ, MT_STRING, 0, "alpha", &r), PARA_ERR);
-}
-
-/* ---- address and integer keys ------------------------------------------------------------ */
 Bytes number_maps()
 {
     const std::vector<tazw::IPv6IntEntry> by_address = {{kB, {30}}, {kA, {10, 20}}, {kC, {40}}};
@@ -298,45 +236,6 @@ Bytes number_maps()
                          tazw::section(kind::IIM, 2, tazw::concat({map_list(0, by_integer, 0), map_list(300000, far, 0)}))});
 }
 
-TEST(ApiMaps, AddressToIntegers)
-{
-    tazt::Handle h = tazt::load_payload(number_maps());
-    using X = Rows<const unsigned char *, unsigned int>;
-    run(h.get(), PT_TAZ, kI6I,
-        {
-            X::search(0, A, 20, 1), X::search(0, A, 30, 0), X::search(0, D, 10, -1), X::search(0, nullptr, 10, 0),
-            X::search(0, A, 10, PARA_ERR, 1),
-            X::by_key(0, C, 0, "C=40"), X::by_key(0, B, 0, "B=30"), X::by_key(0, D, -1, "{}"),
-            X::by_key(0, nullptr, -1, "{}"),
-            X::count(0, 3), X::count(0, PARA_ERR, 1), X::count(0, PARA_ERR, -1),
-            /* Stored in address order, the first byte most significant. */
-            X::by_index(0, 0, 0, "C=40"), X::by_index(0, 1, 0, "A=10,20"), X::by_index(0, 2, 0, "B=30"),
-            X::by_index(0, 3, -1, "{}"), X::by_index(0, -1, -1, "{}"),
-        });
-}
-
-TEST(ApiMaps, IntegerToIntegers)
-{
-    tazt::Handle h = tazt::load_payload(number_maps());
-    using X = Rows<unsigned int, unsigned int>;
-    run(h.get(), PT_TAZ, kII,
-        {
-            X::search(0, 1, 6, 1), X::search(0, 1, 7, 0), X::search(0, 2, 5, -1), X::search(0, 0x7FFFFFFFu, 9, 1),
-            X::search(0, 0, 4, 1), X::search(0, 3, 0, 0), X::search(0, 1, 5, PARA_ERR, 300001),
-            /* The map type is ignored. */
-            X::by_key(MT_SUBSTR, 7, 0, "7=8"), X::by_key(12345, 1, 0, "1=5,6"), X::by_key(0, 2, -1, "{}"),
-            X::by_key(0, 7, PARA_ERR, nullptr, 300001),
-            X::count(0, 5), X::count(MT_SUFFIX, 5), X::count(-1, 5), X::count(0, PARA_ERR, 300001),
-            /* The sparse list, and omitted lists below it: empty. */
-            X::search(0, 5, 6, 1, 300000), X::by_key(0, 5, 0, "5=6", 300000), X::count(0, 1, 300000),
-            X::count(0, 0, 299999), X::search(0, 5, 6, -1, 1), X::by_key(0, 5, -1, "{}", 1),
-            X::by_index(0, 0, -1, "{}", 299999),
-            X::by_index(0, 0, 0, "0=4"), X::by_index(0, 1, 0, "1=5,6"), X::by_index(MT_PREFIX, 2, 0, "3="),
-            X::by_index(0, 4, 0, "2147483647=9"), X::by_index(0, 5, -1, "{}"), X::by_index(0, -1, -1, "{}"),
-        });
-}
-
-/* ---- integer to strings ------------------------------------------------------------------- */
 Bytes int_str_maps()
 {
     using E = tazw::IntStrEntry;
@@ -348,31 +247,110 @@ Bytes int_str_maps()
     return one_list_per_type(Family::IntStr, by_type);
 }
 
-TEST(ApiMaps, IntegerToStrings)
+TEST(ApiMaps, SearchByKeyCountAndIndexOfEveryFamily)
 {
-    tazt::Handle h = tazt::load_payload(int_str_maps());
-    using X = Rows<unsigned int, const char *>;
+    tazt::Handle h = tazt::load_payload(tazw::concat({str_int_maps(), str_ipv6_maps(), number_maps(), int_str_maps()}));
+    run(h.get(), PT_TAZ, kSI,
+        {
+            SI::search(MT_STRING, "ALPHA", 2, 1),
+            SI::search(MT_STRING, "alpha", 3, 0), /* key found, value not: 0 */
+            SI::search(MT_STRING, "alph", 1, -1), SI::search(MT_STRING, "gamma", 0, 0),
+            SI::search(MT_STRING, nullptr, 1, 0),
+            SI::search(MT_PREFIX, "HTTP://x", 80, 1),
+            SI::search(MT_PREFIX, "http://x", 81, 0),
+            SI::search(MT_PREFIX, "gopher", 80, -1), SI::search(MT_SUFFIX, "www.EXAMPLE.com", 7, 1),
+            SI::search(MT_SUFFIX, "x.org", 8, 1), SI::search(MT_SUFFIX, "example.com", 7, -1),
+            SI::search(MT_SUBSTR, "email", 1, 1),
+            SI::search(MT_SUBSTR, "email", 2, 0), /* "mail" is met before "ail" */
+            SI::search(MT_SUBSTR, "tail", 2, 1), SI::search(MT_SUBSTR, "xyz", 1, -1),
+            SI::search(MT_STRING_PREFIX, "alpha", 1, -1), /* exact lists selected, type refused */
+            SI::search(MT_SUFFIX_STRING, "alpha", 1, -1), SI::search(MT_STRING, "alpha", 1, PARA_ERR, 1),
+            SI::search(MT_STRING, "alpha", 1, PARA_ERR, -1),
+
+            SI::by_key(MT_STRING, "BETA", 0, "Beta=3"), SI::by_key(MT_STRING, "gamma", 0, "gamma="),
+            SI::by_key(MT_PREFIX, "ftp://a", 0, "ftp=21"),
+            SI::by_key(MT_SUFFIX, "a.b.ORG", 0, ".org=8"), SI::by_key(MT_SUBSTR, "email", 0, "mail=1"),
+            SI::by_key(MT_STRING, "nope", -1, "{}"), SI::by_key(MT_STRING, nullptr, -1, "{}"),
+            SI::by_key(MT_STRING_PREFIX, "alpha", -1, "{}"), SI::by_key(MT_STRING, "alpha", PARA_ERR, nullptr, 1),
+
+            SI::count(MT_STRING, 3), SI::count(MT_PREFIX, 2), SI::count(MT_SUBSTR, 2),
+            SI::count(MT_STRING, PARA_ERR, 1), SI::count(MT_STRING, PARA_ERR, -1),
+
+            SI::by_index(MT_STRING, 0, 0, "alpha=1,2"), SI::by_index(MT_STRING, 1, 0, "Beta=3"),
+            SI::by_index(MT_STRING, 2, 0, "gamma="), SI::by_index(MT_STRING, 3, -1, "{}"),
+            SI::by_index(MT_STRING, -1, -1, "{}"),
+            SI::by_index(MT_SUFFIX, 0, 0, ".org=8"), /* ordered by the reversed text */
+            SI::by_index(MT_SUBSTR, 1, 0, "ail=2"), SI::by_index(MT_STRING, 0, PARA_ERR, nullptr, 1),
+        });
+    run(h.get(), PT_TAZ, kSI6,
+        {
+            SA::search(MT_STRING, "ALPHA", B, 1), SA::search(MT_STRING, "alpha", D, 0),
+            SA::search(MT_STRING, "alpha", nullptr, 0),
+            SA::search(MT_STRING, "nope", nullptr, 0), /* the value is checked before the key */
+            SA::search(MT_STRING, "nope", A, -1), SA::search(MT_PREFIX, "HTTPS", C, 1),
+            SA::search(MT_SUFFIX, "x.COM", A, 1), SA::search(MT_SUBSTR, "email", B, 0),
+            SA::search(MT_SUBSTR, "tail", B, 1), SA::search(MT_STRING_PREFIX, "alpha", A, -1),
+            SA::search(MT_STRING, "alpha", A, PARA_ERR, 1),
+
+            /* By key never searches: always -1 and a cleared result. */
+            SA::by_key(MT_STRING, "alpha", -1, "{}"), SA::by_key(MT_PREFIX, "http", -1, "{}"),
+            SA::by_key(MT_STRING, "alpha", -1, "{}", 5), SA::by_key(MT_STRING, "alpha", -1, "{}", -1),
+            SA::by_key(99, nullptr, -1, "{}"),
+
+            SA::count(MT_STRING, 2), SA::count(MT_PREFIX, 1), SA::count(MT_SUFFIX, 1), SA::count(MT_SUBSTR, 2),
+            SA::count(MT_STRING, PARA_ERR, 1),
+
+            SA::by_index(MT_STRING, 0, 0, "alpha=A,B"), SA::by_index(MT_STRING, 1, 0, "beta="),
+            SA::by_index(MT_PREFIX, 0, 0, "http=C"), SA::by_index(MT_SUBSTR, 0, 0, "mail=A"),
+            SA::by_index(MT_STRING, 2, -1, "{}"), SA::by_index(MT_STRING, -1, -1, "{}"),
+        });
+    run(h.get(), PT_TAZ, kI6I,
+        {
+            AI::search(0, A, 20, 1), AI::search(0, A, 30, 0), AI::search(0, D, 10, -1), AI::search(0, nullptr, 10, 0),
+            AI::search(0, A, 10, PARA_ERR, 1),
+            AI::by_key(0, C, 0, "C=40"), AI::by_key(0, B, 0, "B=30"), AI::by_key(0, D, -1, "{}"),
+            AI::by_key(0, nullptr, -1, "{}"),
+            AI::count(0, 3), AI::count(0, PARA_ERR, 1), AI::count(0, PARA_ERR, -1),
+            /* Stored in address order, the first byte most significant. */
+            AI::by_index(0, 0, 0, "C=40"), AI::by_index(0, 1, 0, "A=10,20"), AI::by_index(0, 2, 0, "B=30"),
+            AI::by_index(0, 3, -1, "{}"), AI::by_index(0, -1, -1, "{}"),
+        });
+    run(h.get(), PT_TAZ, kII,
+        {
+            II::search(0, 1, 6, 1), II::search(0, 1, 7, 0), II::search(0, 2, 5, -1), II::search(0, 0x7FFFFFFFu, 9, 1),
+            II::search(0, 0, 4, 1), II::search(0, 3, 0, 0), II::search(0, 1, 5, PARA_ERR, 300001),
+            /* The map type is ignored. */
+            II::by_key(MT_SUBSTR, 7, 0, "7=8"), II::by_key(12345, 1, 0, "1=5,6"), II::by_key(0, 2, -1, "{}"),
+            II::by_key(0, 7, PARA_ERR, nullptr, 300001),
+            II::count(0, 5), II::count(MT_SUFFIX, 5), II::count(-1, 5), II::count(0, PARA_ERR, 300001),
+            /* The sparse list, and omitted lists below it: empty. */
+            II::search(0, 5, 6, 1, 300000), II::by_key(0, 5, 0, "5=6", 300000), II::count(0, 1, 300000),
+            II::count(0, 0, 299999), II::search(0, 5, 6, -1, 1), II::by_key(0, 5, -1, "{}", 1),
+            II::by_index(0, 0, -1, "{}", 299999),
+            II::by_index(0, 0, 0, "0=4"), II::by_index(0, 1, 0, "1=5,6"), II::by_index(MT_PREFIX, 2, 0, "3="),
+            II::by_index(0, 4, 0, "2147483647=9"), II::by_index(0, 5, -1, "{}"), II::by_index(0, -1, -1, "{}"),
+        });
     run(h.get(), PT_TAZ, kIS,
         {
-            X::search(MT_STRING, 5, "ALPHA", 1), X::search(MT_STRING, 5, "beta", 1),
-            X::search(MT_STRING, 5, "gamma", -1), /* a string value not found: -1 */
-            X::search(MT_STRING, 9, "x", -1), X::search(MT_STRING, 2, "x", -1),
-            X::search(MT_PREFIX, 5, "HTTP://a", 1),
-            X::search(MT_PREFIX, 5, "ftp.example", 1), X::search(MT_PREFIX, 5, "gopher", -1),
-            X::search(MT_SUFFIX, 5, "setup.EXE", 1), X::search(MT_SUFFIX, 5, "exe", -1),
-            X::search(MT_SUBSTR, 5, "xxEVILxx", 1), X::search(MT_SUBSTR, 5, "ma", -1),
-            X::search(MT_STRING_PREFIX, 5, "Alpha", -1), /* exact lists selected, type refused */
-            X::search(MT_PREFIX_SUFFIX, 5, "Alpha", -1), X::search(MT_STRING, 5, "Alpha", PARA_ERR, 1),
+            IS::search(MT_STRING, 5, "ALPHA", 1), IS::search(MT_STRING, 5, "beta", 1),
+            IS::search(MT_STRING, 5, "gamma", -1), /* a string value not found: -1 */
+            IS::search(MT_STRING, 9, "x", -1), IS::search(MT_STRING, 2, "x", -1),
+            IS::search(MT_PREFIX, 5, "HTTP://a", 1),
+            IS::search(MT_PREFIX, 5, "ftp.example", 1), IS::search(MT_PREFIX, 5, "gopher", -1),
+            IS::search(MT_SUFFIX, 5, "setup.EXE", 1), IS::search(MT_SUFFIX, 5, "exe", -1),
+            IS::search(MT_SUBSTR, 5, "xxEVILxx", 1), IS::search(MT_SUBSTR, 5, "ma", -1),
+            IS::search(MT_STRING_PREFIX, 5, "Alpha", -1), /* exact lists selected, type refused */
+            IS::search(MT_PREFIX_SUFFIX, 5, "Alpha", -1), IS::search(MT_STRING, 5, "Alpha", PARA_ERR, 1),
 
-            X::by_key(MT_STRING, 5, 0, "5=Alpha,beta"), X::by_key(MT_STRING, 9, 0, "9="),
-            X::by_key(MT_PREFIX, 5, 0, "5=ftp,http://"),
-            X::by_key(MT_SUFFIX, 5, 0, "5=.exe,.com"), X::by_key(MT_SUBSTR, 5, 0, "5=mal,evil"),
-            X::by_key(MT_STRING, 2, -1, "{}"), X::by_key(MT_STRING, 5, PARA_ERR, nullptr, -1),
+            IS::by_key(MT_STRING, 5, 0, "5=Alpha,beta"), IS::by_key(MT_STRING, 9, 0, "9="),
+            IS::by_key(MT_PREFIX, 5, 0, "5=ftp,http://"),
+            IS::by_key(MT_SUFFIX, 5, 0, "5=.exe,.com"), IS::by_key(MT_SUBSTR, 5, 0, "5=mal,evil"),
+            IS::by_key(MT_STRING, 2, -1, "{}"), IS::by_key(MT_STRING, 5, PARA_ERR, nullptr, -1),
 
-            X::count(MT_STRING, 3), X::count(MT_SUFFIX, 1), X::count(MT_STRING, PARA_ERR, 1),
+            IS::count(MT_STRING, 3), IS::count(MT_SUFFIX, 1), IS::count(MT_STRING, PARA_ERR, 1),
 
-            X::by_index(MT_STRING, 0, 0, "1=x"), X::by_index(MT_STRING, 1, 0, "5=Alpha,beta"),
-            X::by_index(MT_STRING, 3, -1, "{}"), X::by_index(MT_SUBSTR, 1, -1, "{}"),
+            IS::by_index(MT_STRING, 0, 0, "1=x"), IS::by_index(MT_STRING, 1, 0, "5=Alpha,beta"),
+            IS::by_index(MT_STRING, 3, -1, "{}"), IS::by_index(MT_SUBSTR, 1, -1, "{}"),
         });
 }
 
@@ -410,7 +388,6 @@ Bytes str_str_maps()
 TEST(ApiMaps, StringToStringsEveryRulePair)
 {
     tazt::Handle h = tazt::load_payload(str_str_maps());
-    using X = Rows<const char *, const char *>;
     std::vector<Row<const char *, const char *>> rows;
     std::vector<std::string> found; /* keeps the expected texts alive */
     found.reserve(16);
@@ -419,32 +396,20 @@ TEST(ApiMaps, StringToStringsEveryRulePair)
             const int mt = ss_type(k, v);
             const RuleSample &key = kRule[k], &value = kRule[v];
             found.push_back(std::string(key.found_key) + "=" + value.stored_values);
-            rows.push_back(X::search(mt, key.key_hit, value.value_hit, 1));
-            rows.push_back(X::search(mt, key.key_hit, value.value_miss, -1));
-            rows.push_back(X::search(mt, key.key_miss, value.value_hit, -1));
-            rows.push_back(X::search(mt, nullptr, value.value_hit, 0));
-            rows.push_back(X::by_key(mt, key.key_hit, 0, found.back().c_str()));
-            rows.push_back(X::by_key(mt, key.key_miss, -1, "{}"));
-            rows.push_back(X::count(mt, 2));
-            rows.push_back(X::by_index(mt, 2, -1, "{}"));
-            rows.push_back(X::count(mt, PARA_ERR, 1));
+            rows.insert(rows.end(), {SS::search(mt, key.key_hit, value.value_hit, 1),
+                                     SS::search(mt, key.key_hit, value.value_miss, -1),
+                                     SS::search(mt, key.key_miss, value.value_hit, -1),
+                                     SS::search(mt, nullptr, value.value_hit, 0),
+                                     SS::by_key(mt, key.key_hit, 0, found.back().c_str()),
+                                     SS::by_key(mt, key.key_miss, -1, "{}"), SS::count(mt, 2),
+                                     SS::by_index(mt, 2, -1, "{}"), SS::count(mt, PARA_ERR, 1)});
         }
     }
-    run(h.get(), PT_TAZ, kSS, rows);
-}
-
-TEST(ApiMaps, StringToStringsUnacceptedTypes)
-{
-    tazt::Handle h = tazt::load_payload(str_str_maps());
-    using X = Rows<const char *, const char *>;
     /* These types select the exact-exact lists, whose key "beta" is present,
      * and are then refused by the search. */
-    std::vector<Row<const char *, const char *>> rows;
     for (int mt : {4, 255, 260, 772, 1024, -1, 0x10000}) {
-        rows.push_back(X::count(mt, 2));
-        rows.push_back(X::search(mt, "beta", "alpha", -1));
-        rows.push_back(X::by_key(mt, "beta", -1, "{}"));
-        rows.push_back(X::by_index(mt, 0, 0, "beta=alpha,Gamma"));
+        rows.insert(rows.end(), {SS::count(mt, 2), SS::search(mt, "beta", "alpha", -1),
+                                 SS::by_key(mt, "beta", -1, "{}"), SS::by_index(mt, 0, 0, "beta=alpha,Gamma")});
     }
     run(h.get(), PT_TAZ, kSS, rows);
 }
@@ -561,12 +526,11 @@ TEST(ApiMaps, SecondKindMaps)
 {
     const std::vector<tazw::StrIntEntry> second = {{"only-second", {42}}};
     tazt::Handle h = tazt::load_payload(str_int_maps(), map_section(map_kind(Family::StrInt, MT_STRING), second, 0));
-    using X = Rows<const char *, unsigned int>;
     run(h.get(), PT_ULM, kSI,
-        {X::search(MT_STRING, "ONLY-second", 42, 1), X::search(MT_STRING, "alpha", 1, -1),
-         X::by_key(MT_STRING, "only-second", 0, "only-second=42"), X::count(MT_STRING, 1),
-         X::count(MT_PREFIX, PARA_ERR), X::by_index(MT_STRING, 0, 0, "only-second=42")});
-    run(h.get(), PT_TAZ, kSI, {X::search(MT_STRING, "only-second", 42, -1), X::count(MT_STRING, 3)});
+        {SI::search(MT_STRING, "ONLY-second", 42, 1), SI::search(MT_STRING, "alpha", 1, -1),
+         SI::by_key(MT_STRING, "only-second", 0, "only-second=42"), SI::count(MT_STRING, 1),
+         SI::count(MT_PREFIX, PARA_ERR), SI::by_index(MT_STRING, 0, 0, "only-second=42")});
+    run(h.get(), PT_TAZ, kSI, {SI::search(MT_STRING, "only-second", 42, -1), SI::count(MT_STRING, 3)});
 }
 
 } // namespace

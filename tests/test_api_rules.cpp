@@ -1,22 +1,19 @@
 /* Rule, clean, protocol, risk and threat queries through the public API on
  * loaded files: plain and Ex forms, copies the caller frees, the fallbacks of
- * unknown ids, and what loading prints at each debug level. */
+ * unknown ids. */
 #include <cstdlib>
 #include <functional>
 #include <string>
 #include <vector>
 
 #include "api_fixtures.h"
+#include "tazeptn.h"
 
 namespace {
 
 using namespace apif;
 using namespace tazw;
 
-constexpr std::uint32_t make_ver(std::uint32_t product, std::uint32_t build, std::uint32_t version)
-{
-    return (product & 0xFu) << 28 | (build & 0xFFu) << 20 | (version & 0xFFFFFu);
-}
 
 const std::vector<RuleInfo> kRules = {
     /* Written out of id order; the queries by position see them sorted. */
@@ -59,8 +56,9 @@ Bytes full_payload()
 {
     return concat({rule_info_section(kRules), clean_info_section(kCleanTable), protocol_section(kProtocols, kGroups),
                    severity_section(severity()), threat_type_section(kThreats),
-                   info_section(info_magic::PATTERN_INFO, {compiler_version_list(make_ver(1, 1, 1)),
-                                                           compiler_version_list(make_ver(2, 3, 456))})});
+                   info_section(info_magic::PATTERN_INFO,
+                                {compiler_version_list(KORM_MAKE_PATTERN_VER(1, 1, 1)),
+                                 compiler_version_list(KORM_MAKE_PATTERN_VER(2, 3, 456))})});
 }
 
 /* Only rules: no clean table, protocols, risks, threat types or compiler version. */
@@ -368,79 +366,60 @@ TEST(ApiRules, CleanTableFirstFittingEntry)
 TEST(ApiRules, ProtocolsAndGroups)
 {
     tazt::Handle h = tazt::load_payload(full_payload());
-    auto num2 = [](int (*f)(TAZE *, unsigned, unsigned, unsigned *), unsigned a, unsigned b) {
-        return [f, a, b](TAZE *t, unsigned *o) { return f(t, a, b, o); };
+    using N1 = int (*)(TAZE *, unsigned, unsigned *);
+    using N2 = int (*)(TAZE *, unsigned, unsigned, unsigned *);
+    using T1 = int (*)(TAZE *, unsigned, char **);
+    auto n1 = [](N1 f, unsigned a) { return NumberGetter([f, a](TAZE *t, unsigned *o) { return f(t, a, o); }); };
+    auto n2 = [](N2 f, unsigned a, unsigned b) {
+        return NumberGetter([f, a, b](TAZE *t, unsigned *o) { return f(t, a, b, o); });
     };
-    auto num1 = [](int (*f)(TAZE *, unsigned, unsigned *), unsigned a) {
-        return [f, a](TAZE *t, unsigned *o) { return f(t, a, o); };
-    };
-    auto txt = [](int (*f)(TAZE *, unsigned, char **), unsigned a) {
-        return [f, a](TAZE *t, char **o) { return f(t, a, o); };
-    };
+    auto txt = [](T1 f, unsigned a) { return TextGetter([f, a](TAZE *t, char **o) { return f(t, a, o); }); };
+    const N1 index_id = TAZE_GetProtocolIndexID, index_group = TAZE_GetProtocolIndexGroupID,
+             id_group = TAZE_GetProtocolIdGroupID, group_id = TAZE_GetProtocolGroupIndexID,
+             group_size = TAZE_GetProtocolGroupIndexProtocolCount, id_size = TAZE_GetProtocolGroupIdProtocolCount;
+    const N2 member = TAZE_GetProtocolGroupIndexProtocolIndex, id_member = TAZE_GetProtocolGroupIdProtocolIndexId;
     expect_numbers(h.get(), {
-                                {"protocol count", TAZE_GetProtocolCount, 0, 4},
-                                {"protocol 1 id", num1(TAZE_GetProtocolIndexID, 1), 0, 6},
-                                {"protocol 3 id", num1(TAZE_GetProtocolIndexID, 3), 0, 1},
-                                {"protocol past the end id", num1(TAZE_GetProtocolIndexID, 4), 0, 0},
-                                {"protocol 1 group", num1(TAZE_GetProtocolIndexGroupID, 1), 0, 100},
-                                {"protocol 0 group", num1(TAZE_GetProtocolIndexGroupID, 0), 0, 50},
-                                {"protocol 3 group", num1(TAZE_GetProtocolIndexGroupID, 3), 0, 200},
-                                {"protocol past the end group", num1(TAZE_GetProtocolIndexGroupID, 4), 0, 0},
-                                {"group of id 17", num1(TAZE_GetProtocolIdGroupID, 17), 0, 100},
-                                {"group of id 1", num1(TAZE_GetProtocolIdGroupID, 1), 0, 200},
-                                {"group of an unknown id: entry 0's", num1(TAZE_GetProtocolIdGroupID, 999), 0, 50},
-                                {"group of id 6 (Ex)",
-                                 [](TAZE *t, unsigned *o) { return TAZE_GetProtocolIdGroupIDEx(t, PT_TAZ, 6, o); }, 0,
-                                 100},
-                                {"group count", TAZE_GetProtocolGroupCount, 0, 4},
-                                {"group 2 id", num1(TAZE_GetProtocolGroupIndexID, 2), 0, 200},
-                                {"group past the end id", num1(TAZE_GetProtocolGroupIndexID, 4), 0, 0},
-                                {"group 1 size", num1(TAZE_GetProtocolGroupIndexProtocolCount, 1), 0, 2},
-                                {"group 3 size", num1(TAZE_GetProtocolGroupIndexProtocolCount, 3), 0, 0},
-                                {"group past the end size", num1(TAZE_GetProtocolGroupIndexProtocolCount, 4), 0, 0},
-                                {"group 1 member 1", num2(TAZE_GetProtocolGroupIndexProtocolIndex, 1, 1), 0, 17},
-                                {"group 1 member 0", num2(TAZE_GetProtocolGroupIndexProtocolIndex, 1, 0), 0, 6},
-                                {"group 1 member 2", num2(TAZE_GetProtocolGroupIndexProtocolIndex, 1, 2), 0, 0},
-                                {"group 0 member 0", num2(TAZE_GetProtocolGroupIndexProtocolIndex, 0, 0), 0, 1},
-                                {"empty group member 0", num2(TAZE_GetProtocolGroupIndexProtocolIndex, 3, 0), 0, 0},
-                                {"group past the end member", num2(TAZE_GetProtocolGroupIndexProtocolIndex, 4, 0), 0,
-                                 0},
-                                {"size of group 100", num1(TAZE_GetProtocolGroupIdProtocolCount, 100), 0, 2},
-                                {"size of group 300", num1(TAZE_GetProtocolGroupIdProtocolCount, 300), 0, 0},
-                                {"size of an unknown group: entry 0's", num1(TAZE_GetProtocolGroupIdProtocolCount, 999),
-                                 0, 1},
-                                {"group 100 member 0", num2(TAZE_GetProtocolGroupIdProtocolIndexId, 100, 0), 0, 6},
-                                {"group 100 member 1", num2(TAZE_GetProtocolGroupIdProtocolIndexId, 100, 1), 0, 17},
-                                {"group 100 member 2", num2(TAZE_GetProtocolGroupIdProtocolIndexId, 100, 2), 0, 0},
-                                {"unknown group member 0: entry 0's",
-                                 num2(TAZE_GetProtocolGroupIdProtocolIndexId, 999, 0), 0, 1},
-                                {"unknown group member 1", num2(TAZE_GetProtocolGroupIdProtocolIndexId, 999, 1), 0, 0},
-                                {"empty group member 0 by id", num2(TAZE_GetProtocolGroupIdProtocolIndexId, 300, 0), 0,
-                                 0},
-                            });
+        {"protocol count", TAZE_GetProtocolCount, 0, 4}, {"protocol 1 id", n1(index_id, 1), 0, 6},
+        {"protocol 3 id", n1(index_id, 3), 0, 1}, {"protocol past the end id", n1(index_id, 4), 0, 0},
+        {"protocol 1 group", n1(index_group, 1), 0, 100}, {"protocol 0 group", n1(index_group, 0), 0, 50},
+        {"protocol 3 group", n1(index_group, 3), 0, 200}, {"protocol past the end group", n1(index_group, 4), 0, 0},
+        {"group of id 17", n1(id_group, 17), 0, 100}, {"group of id 1", n1(id_group, 1), 0, 200},
+        {"group of an unknown id: entry 0's", n1(id_group, 999), 0, 50},
+        {"group of id 6 (Ex)", [](TAZE *t, unsigned *o) { return TAZE_GetProtocolIdGroupIDEx(t, PT_TAZ, 6, o); }, 0,
+         100},
+        {"group count", TAZE_GetProtocolGroupCount, 0, 4}, {"group 2 id", n1(group_id, 2), 0, 200},
+        {"group past the end id", n1(group_id, 4), 0, 0}, {"group 1 size", n1(group_size, 1), 0, 2},
+        {"group 3 size", n1(group_size, 3), 0, 0}, {"group past the end size", n1(group_size, 4), 0, 0},
+        {"group 1 member 1", n2(member, 1, 1), 0, 17}, {"group 1 member 0", n2(member, 1, 0), 0, 6},
+        {"group 1 member 2", n2(member, 1, 2), 0, 0}, {"group 0 member 0", n2(member, 0, 0), 0, 1},
+        {"empty group member 0", n2(member, 3, 0), 0, 0}, {"group past the end member", n2(member, 4, 0), 0, 0},
+        {"size of group 100", n1(id_size, 100), 0, 2}, {"size of group 300", n1(id_size, 300), 0, 0},
+        {"size of an unknown group: entry 0's", n1(id_size, 999), 0, 1},
+        {"group 100 member 0", n2(id_member, 100, 0), 0, 6}, {"group 100 member 1", n2(id_member, 100, 1), 0, 17},
+        {"group 100 member 2", n2(id_member, 100, 2), 0, 0},
+        {"unknown group member 0: entry 0's", n2(id_member, 999, 0), 0, 1},
+        {"unknown group member 1", n2(id_member, 999, 1), 0, 0},
+        {"empty group member 0 by id", n2(id_member, 300, 0), 0, 0},
+    });
     expect_texts(h.get(), {
-                              {"protocol 2 desc", txt(TAZE_GetProtocolIndexDesc, 2), 0, "udp"},
-                              {"protocol past the end desc", txt(TAZE_GetProtocolIndexDesc, 4), PARA_ERR, nullptr},
-                              {"desc of id 17", txt(TAZE_GetProtocolIdDesc, 17), 0, "udp"},
-                              {"desc of id 0", txt(TAZE_GetProtocolIdDesc, 0), 0, "unknown"},
-                              {"desc of an unknown id: entry 0's", txt(TAZE_GetProtocolIdDesc, 999), 0, "unknown"},
-                              {"group 1 desc", txt(TAZE_GetProtocolGroupIndexDesc, 1), 0, "transport"},
-                              {"group past the end desc", txt(TAZE_GetProtocolGroupIndexDesc, 4), PARA_ERR, nullptr},
-                              {"desc of group 200", txt(TAZE_GetProtocolGroupIdDesc, 200), 0, "control"},
-                              {"desc of an unknown group: entry 0's", txt(TAZE_GetProtocolGroupIdDesc, 999), 0, "none"},
-                          });
+        {"protocol 2 desc", txt(TAZE_GetProtocolIndexDesc, 2), 0, "udp"},
+        {"protocol past the end desc", txt(TAZE_GetProtocolIndexDesc, 4), PARA_ERR, nullptr},
+        {"desc of id 17", txt(TAZE_GetProtocolIdDesc, 17), 0, "udp"},
+        {"desc of id 0", txt(TAZE_GetProtocolIdDesc, 0), 0, "unknown"},
+        {"desc of an unknown id: entry 0's", txt(TAZE_GetProtocolIdDesc, 999), 0, "unknown"},
+        {"group 1 desc", txt(TAZE_GetProtocolGroupIndexDesc, 1), 0, "transport"},
+        {"group past the end desc", txt(TAZE_GetProtocolGroupIndexDesc, 4), PARA_ERR, nullptr},
+        {"desc of group 200", txt(TAZE_GetProtocolGroupIdDesc, 200), 0, "control"},
+        {"desc of an unknown group: entry 0's", txt(TAZE_GetProtocolGroupIdDesc, 999), 0, "none"},
+    });
 
     /* Without a protocol section there is no entry 0 to fall back on. */
     tazt::Handle bare = tazt::load_payload(rules_only());
-    expect_numbers(bare.get(), {
-                                   {"protocol count", TAZE_GetProtocolCount, 0, 0},
-                                   {"group of id 6", num1(TAZE_GetProtocolIdGroupID, 6), 0, 0},
-                                   {"size of group 100", num1(TAZE_GetProtocolGroupIdProtocolCount, 100), 0, 0},
-                               });
-    expect_texts(bare.get(), {
-                                 {"desc of id 6", txt(TAZE_GetProtocolIdDesc, 6), PARA_ERR, nullptr},
-                                 {"desc of group 100", txt(TAZE_GetProtocolGroupIdDesc, 100), PARA_ERR, nullptr},
-                             });
+    expect_numbers(bare.get(), {{"protocol count", TAZE_GetProtocolCount, 0, 0},
+                                {"group of id 6", n1(id_group, 6), 0, 0},
+                                {"size of group 100", n1(id_size, 100), 0, 0}});
+    expect_texts(bare.get(), {{"desc of id 6", txt(TAZE_GetProtocolIdDesc, 6), PARA_ERR, nullptr},
+                              {"desc of group 100", txt(TAZE_GetProtocolGroupIdDesc, 100), PARA_ERR, nullptr}});
 }
 
 /* ---- known and potential risk ----------------------------------------------------------------- */
@@ -564,94 +543,6 @@ TEST(ApiRules, CompilerVersion)
         char buf[32] = {};
         EXPECT_EQ(TAZE_GetCompilerVersion(r.h, buf, r.size), r.rc);
         EXPECT_STREQ(buf, r.text);
-    }
-}
-
-/* ---- messages printed while loading --------------------------------------------------------------- */
-std::string hex_magic(std::uint32_t m)
-{
-    char buf[16];
-    std::snprintf(buf, sizeof buf, "%08x", m);
-    return buf;
-}
-
-TEST(ApiRules, LoadMessagesFollowTheDebugLevel)
-{
-    const std::uint32_t unknown_info = magic4("ZZZZ"), unknown_severity = magic4("QQQQ"),
-                        unknown_threat = magic4("WXYZ"), unknown_version = magic4("ABCD");
-    const Bytes four(4, 0);
-    Severity dup;
-    dup.known = {{2, 1, 1, {{6, 6}}, {}}};
-    dup.known_defaults = {{2, 1, 1, {}}};
-    dup.potential = {{10, {}, {}}};
-    dup.potential_defaults = {{3, 1, 1, {}}};
-    const Bytes payload = concat({
-        rule_info_section({kRules[0]}),
-        info_section(info_magic::PROTOCOL,
-                     {protocol_list({{6, "tcp", 0, {}}}), protocol_list({{7, "dup", 0, {}}, {8, "dup", 0, {}}}),
-                      protocol_group_list({{1, "g", {0}, {}}}), protocol_group_list({{2, "dup", {0}, {}}}),
-                      list(unknown_info, 1, four), list(magic4("YYYY"), 0, four)}),
-        info_section(info_magic::SEVERITY,
-                     {known_risk_list(dup.known), known_risk_list(dup.known),
-                      risk_default_list(info_magic::KNOWN_DEFAULT, dup.known_defaults),
-                      risk_default_list(info_magic::KNOWN_DEFAULT, dup.known_defaults),
-                      potential_risk_list(dup.potential), potential_risk_list(dup.potential),
-                      risk_default_list(info_magic::POTENTIAL_DEFAULT, dup.potential_defaults),
-                      risk_default_list(info_magic::POTENTIAL_DEFAULT, dup.potential_defaults),
-                      list(unknown_severity, 1, four)}),
-        info_section(info_magic::THREAT_TYPE, {threat_type_list({{10, TT_EXPLOIT, {}}}),
-                                               threat_type_list({{10, TT_QIM, {}}, {77, TT_QIM, {}}}),
-                                               list(unknown_threat, 1, four)}),
-        info_section(info_magic::PATTERN_INFO,
-                     {compiler_version_list(make_ver(1, 2, 3)), list(unknown_version, 1, four)}),
-    });
-    const std::string duplicates = std::string("BUG: Duplicated Protocol info list defined") +
-                                   "BUG: Duplicated Protocol Group info list defined" +
-                                   "BUG: Duplicated known risk info list defined" +
-                                   "BUG: Duplicated default known risk info list defined" +
-                                   "BUG: Duplicated potential risk info list defined" +
-                                   "BUG: Duplicated default potential risk info list defined" +
-                                   "BUG: Duplicated threat type info list defined";
-    const std::string all = std::string("BUG: Duplicated Protocol info list defined") +
-                            "BUG: Duplicated Protocol Group info list defined" +
-                            "BUG: Un-recognized pattern info pattern header magic: " + hex_magic(unknown_info) +
-                            "BUG: Duplicated known risk info list defined" +
-                            "BUG: Duplicated default known risk info list defined" +
-                            "BUG: Duplicated potential risk info list defined" +
-                            "BUG: Duplicated default potential risk info list defined" +
-                            "BUG: Un-recognized pattern info pattern header magic: " + hex_magic(unknown_severity) +
-                            "BUG: Duplicated threat type info list defined" +
-                            "BUG: Un-recognized threat type info header magic: " + hex_magic(unknown_threat) +
-                            "BUG: Un-recognized pattern info pattern header magic: " + hex_magic(unknown_version);
-    struct Row {
-        const char *name;
-        void (*set)(TAZE *);
-        std::string printed;
-    } rows[] = {
-        {"error level", TAZE_setDbgLevelErr, all}, {"warning level", TAZE_setDbgLevelWarn, duplicates},
-        {"info level", TAZE_setDbgLevelInfo, ""}, {"debug level", TAZE_setDbgLevelDebug, ""},
-        {"disabled", TAZE_disableDebug, ""},
-    };
-    for (const Row &r : rows) {
-        SCOPED_TRACE(r.name);
-        tazt::DebugMask restore(debugLevel);
-        r.set(nullptr);
-        tazt::StdoutCapture cap;
-        tazt::Handle h = tazt::load_payload(payload);
-        EXPECT_EQ(cap.finish(), r.printed);
-        /* Whatever was printed, the first of each duplicated list stays. */
-        unsigned int n = 0, type = 0;
-        EXPECT_EQ(TAZE_GetProtocolCount(h.get(), &n), 0);
-        EXPECT_EQ(n, 1u);
-        EXPECT_EQ(TAZE_GetProtocolGroupIndexID(h.get(), 0, &n), 0);
-        EXPECT_EQ(n, 1u);
-        EXPECT_EQ(TAZE_GetThreatType(h.get(), 10, &type), 0);
-        EXPECT_EQ(type, unsigned(TT_EXPLOIT));
-        EXPECT_EQ(TAZE_GetThreatType(h.get(), 77, &type), 0);
-        EXPECT_EQ(type, unsigned(TT_HIDDEN));
-        char buf[16];
-        EXPECT_EQ(TAZE_GetCompilerVersion(h.get(), buf, sizeof buf), 0);
-        EXPECT_STREQ(buf, "1.00003.02");
     }
 }
 

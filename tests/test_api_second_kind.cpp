@@ -86,18 +86,6 @@ TEST(ApiSecondKind, WhichFilesLoad)
     }
 }
 
-TEST(ApiSecondKind, CaseSensitivePrefixListsOfTheSecondKind)
-{
-    tazt::Handle h = tazt::load_payload(main_payload(), second_payload());
-    /* Both payloads hold "Ab" in a case-sensitive prefix list. */
-    EXPECT_EQ(TAZE_PatternSearchPrefixCaseList(h.get(), 0, "Abc", PT_TAZ), 1);
-    EXPECT_EQ(TAZE_PatternSearchPrefixCaseList(h.get(), 0, "Abc", PT_ULM), 0);
-    /* Exact lists of each kind. */
-    EXPECT_EQ(TAZE_PatternSearchStringList(h.get(), 0, "SECOND", PT_ULM), 1);
-    EXPECT_EQ(TAZE_PatternSearchStringList(h.get(), 0, "second", PT_TAZ), 0);
-    EXPECT_EQ(TAZE_PatternSearchStringList(h.get(), 0, "main", PT_TAZ), 1);
-}
-
 /* ---- switching the current pattern ------------------------------------------------------- */
 /* What the plain queries answer, as one line. */
 std::string plain_view(TAZE *h)
@@ -150,6 +138,12 @@ TEST(ApiSecondKind, SwitchingWhatPlainQueriesSee)
         SCOPED_TRACE(s.name);
         if (s.point) s.point(s.h);
         EXPECT_EQ(plain_view(s.h), s.view);
+        /* One record holds both kinds: one pattern version whatever the kind. */
+        char ver[16] = {};
+        if (s.h == both.get()) {
+            EXPECT_EQ(TAZE_GetPatternVersion(s.h, ver, sizeof ver), 0);
+            EXPECT_STREQ(ver, "1.00077.35");
+        }
         /* Ex forms and list searches name their kind and do not follow the switch. */
         unsigned int n = 0;
         EXPECT_EQ(TAZE_GetRuleInfoCountEx(s.h, PT_TAZ, &n), 0);
@@ -264,108 +258,44 @@ TEST(ApiSecondKind, UnknownNameListMessage)
     }
 }
 
-/* ---- Ex forms: the second kind, and kinds that do not exist ------------------------------------------------------- */
+/* ---- Ex forms: the second kind, and kinds that do not exist ------------------------------ */
+/* Every Ex form asking for kind k, with its answer on the second kind. */
+std::vector<std::pair<Query, std::string>> ex_forms(unsigned k)
+{
+    return {
+        {query<Number>("GetRuleInfoCountEx", TAZE_GetRuleInfoCountEx, k), "0 3"},
+        {query<Text>("GetRuleIndexDescEx", TAZE_GetRuleIndexDescEx, k, 0u), "0 second rule"},
+        {query<Text>("GetRuleIndexRiskEx", TAZE_GetRuleIndexRiskEx, k, 1u), "0 shared-second"},
+        {query<Number>("GetRuleIndexRiskGroupEx", TAZE_GetRuleIndexRiskGroupEx, k, 2u), "0 400"},
+        {query<Number>("GetRuleIndexCLEx", TAZE_GetRuleIndexCLEx, k, 0u), "0 20"},
+        {query<Number>("GetRuleIndexEnableEx", TAZE_GetRuleIndexEnableEx, k, 2u), "0 1"},
+        {query<Number>("GetRuleIndexRuleIDEx", TAZE_GetRuleIndexRuleIDEx, k, 1u), "0 3"},
+        {query<Text>("GetRuleIdRiskEx", TAZE_GetRuleIdRiskEx, k, 2u), "0 second-risk"},
+        {query<Text>("GetRuleIdRiskEx of a main rule", TAZE_GetRuleIdRiskEx, k, 1u), "0 "},
+        {query<Number>("GetRuleIdRiskGroupEx", TAZE_GetRuleIdRiskGroupEx, k, 3u), "0 330"},
+        {query<Number>("GetRuleIdCLEx", TAZE_GetRuleIdCLEx, k, 4u), "0 40"},
+        {query<Number>("CheckRuleIdCleanEx", TAZE_CheckRuleIdCleanEx, k, 2u, 6u, 2u), "1 4"},
+        {query<Clean>("GetRuleIdCleanEx", TAZE_GetRuleIdCleanEx, k, 2u), "0 2 ss sd"},
+        {query<Number>("CheckCleanInfoEx", TAZE_CheckCleanInfoEx, k, 6u, 3u), "1 22"},
+        {query<Clean>("GetCleanInfoEx", TAZE_GetCleanInfoEx, k, 6u), "0 2 second-src second-dst"},
+        {query<Number>("GetProtocolIdGroupIDEx", TAZE_GetProtocolIdGroupIDEx, k, 17u), "0 700"},
+        {query<Risk>("GetKnownRiskInfoEx", TAZE_GetKnownRiskInfoEx, k, 3u, 6u), "0 50/5"},
+        {query<Risk>("GetPotentialRiskInfoEx", TAZE_GetPotentialRiskInfoEx, k, 2u, 2u, 6u), "0 60/6"},
+        {query<Number>("GetThreatTypeEx", TAZE_GetThreatTypeEx, k, 2u), "0 " + std::to_string(TT_ZUL)},
+    };
+}
+
 TEST(ApiSecondKind, ExFormsOfTheSecondKind)
 {
     tazt::Handle both = tazt::load_payload(main_payload(), second_payload());
     tazt::Handle main_only = tazt::load_payload(main_payload());
-    /* Each call answers "rc" or "rc value". */
-    auto number = [](std::function<int(TAZE *, unsigned *)> f) {
-        return [f](TAZE *h) {
-            unsigned int v = 0;
-            const int rc = f(h, &v);
-            return rc == 0 ? "0 " + std::to_string(v) : std::to_string(rc);
-        };
-    };
-    auto text = [](std::function<int(TAZE *, char **)> f) {
-        return [f](TAZE *h) {
-            char *s = nullptr;
-            const int rc = f(h, &s);
-            return rc == 0 ? "0 " + take(s) : std::to_string(rc);
-        };
-    };
-    auto check = [](std::function<int(TAZE *, unsigned *)> f) {
-        return [f](TAZE *h) {
-            unsigned int target = 0;
-            const int rc = f(h, &target);
-            return rc == 1 ? "1 " + std::to_string(target) : std::to_string(rc);
-        };
-    };
-    auto clean = [](std::function<int(TAZE *, unsigned *, char **, char **)> f) {
-        return [f](TAZE *h) {
-            unsigned int p = 0;
-            char *s = nullptr, *d = nullptr;
-            const int rc = f(h, &p, &s, &d);
-            std::string out = std::to_string(rc);
-            if (rc == 0) out += " " + std::to_string(p) + " " + take(s) + " " + take(d);
-            std::free(s);
-            std::free(d);
-            return out;
-        };
-    };
-    auto risk = [](std::function<int(TAZE *, unsigned *, unsigned *)> f) {
-        return [f](TAZE *h) {
-            unsigned int p = 0, s = 0;
-            const int rc = f(h, &p, &s);
-            return rc == 0 ? "0 " + std::to_string(p) + "/" + std::to_string(s) : std::to_string(rc);
-        };
-    };
-    unsigned U = PT_ULM; /* the kind every row asks for */
-    struct Row {
-        const char *name;
-        std::function<std::string(TAZE *)> call;
-        std::string answer; /* on the second kind; refused when it is missing */
-    } rows[] = {
-        {"GetRuleInfoCountEx", number([&U](TAZE *h, unsigned *o) { return TAZE_GetRuleInfoCountEx(h, U, o); }), "0 3"},
-        {"GetRuleIndexDescEx", text([&U](TAZE *h, char **o) { return TAZE_GetRuleIndexDescEx(h, U, 0, o); }),
-         "0 second rule"},
-        {"GetRuleIndexRiskEx", text([&U](TAZE *h, char **o) { return TAZE_GetRuleIndexRiskEx(h, U, 1, o); }),
-         "0 shared-second"},
-        {"GetRuleIndexRiskGroupEx",
-         number([&U](TAZE *h, unsigned *o) { return TAZE_GetRuleIndexRiskGroupEx(h, U, 2, o); }), "0 400"},
-        {"GetRuleIndexCLEx", number([&U](TAZE *h, unsigned *o) { return TAZE_GetRuleIndexCLEx(h, U, 0, o); }), "0 20"},
-        {"GetRuleIndexEnableEx", number([&U](TAZE *h, unsigned *o) { return TAZE_GetRuleIndexEnableEx(h, U, 2, o); }),
-         "0 1"},
-        {"GetRuleIndexRuleIDEx", number([&U](TAZE *h, unsigned *o) { return TAZE_GetRuleIndexRuleIDEx(h, U, 1, o); }),
-         "0 3"},
-        {"GetRuleIdRiskEx", text([&U](TAZE *h, char **o) { return TAZE_GetRuleIdRiskEx(h, U, 2, o); }),
-         "0 second-risk"},
-        {"GetRuleIdRiskEx of a main rule", text([&U](TAZE *h, char **o) { return TAZE_GetRuleIdRiskEx(h, U, 1, o); }),
-         "0 "},
-        {"GetRuleIdRiskGroupEx", number([&U](TAZE *h, unsigned *o) { return TAZE_GetRuleIdRiskGroupEx(h, U, 3, o); }),
-         "0 330"},
-        {"GetRuleIdCLEx", number([&U](TAZE *h, unsigned *o) { return TAZE_GetRuleIdCLEx(h, U, 4, o); }), "0 40"},
-        {"CheckRuleIdCleanEx", check([&U](TAZE *h, unsigned *o) { return TAZE_CheckRuleIdCleanEx(h, U, 2, 6, 2, o); }),
-         "1 4"},
-        {"GetRuleIdCleanEx",
-         clean([&U](TAZE *h, unsigned *p, char **s, char **d) { return TAZE_GetRuleIdCleanEx(h, U, 2, p, s, d); }),
-         "0 2 ss sd"},
-        {"CheckCleanInfoEx", check([&U](TAZE *h, unsigned *o) { return TAZE_CheckCleanInfoEx(h, U, 6, 3, o); }),
-         "1 22"},
-        {"GetCleanInfoEx",
-         clean([&U](TAZE *h, unsigned *p, char **s, char **d) { return TAZE_GetCleanInfoEx(h, U, 6, p, s, d); }),
-         "0 2 second-src second-dst"},
-        {"GetProtocolIdGroupIDEx",
-         number([&U](TAZE *h, unsigned *o) { return TAZE_GetProtocolIdGroupIDEx(h, U, 17, o); }), "0 700"},
-        {"GetKnownRiskInfoEx",
-         risk([&U](TAZE *h, unsigned *p, unsigned *s) { return TAZE_GetKnownRiskInfoEx(h, U, 3, 6, p, s); }),
-         "0 50/5"},
-        {"GetPotentialRiskInfoEx",
-         risk([&U](TAZE *h, unsigned *p, unsigned *s) { return TAZE_GetPotentialRiskInfoEx(h, U, 2, 2, 6, p, s); }),
-         "0 60/6"},
-        {"GetThreatTypeEx", number([&U](TAZE *h, unsigned *o) { return TAZE_GetThreatTypeEx(h, U, 2, o); }),
-         "0 " + std::to_string(TT_ZUL)},
-    };
-    for (const Row &r : rows) {
-        SCOPED_TRACE(r.name);
-        EXPECT_EQ(r.call(both.get()), r.answer);
-        EXPECT_EQ(r.call(main_only.get()), std::to_string(PARA_ERR));
-        for (unsigned other : {2u, 0xFFFFFFFFu}) { /* kinds that do not exist */
-            U = other;
-            EXPECT_EQ(r.call(both.get()), std::to_string(PARA_ERR)) << other;
-        }
-        U = PT_ULM;
+    const std::string refused = std::to_string(PARA_ERR) + " ";
+    for (const auto &[q, answer] : ex_forms(PT_ULM)) {
+        EXPECT_EQ(q.ask(both.get()), answer) << q.name;
+        EXPECT_EQ(q.ask(main_only.get()).rfind(refused, 0), 0u) << q.name;
     }
+    for (unsigned other : {2u, 0xFFFFFFFFu}) /* kinds that do not exist */
+        for (const auto &[q, answer] : ex_forms(other)) EXPECT_EQ(q.ask(both.get()).rfind(refused, 0), 0u) << q.name;
 }
 
 } // namespace

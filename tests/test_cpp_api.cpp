@@ -2,14 +2,11 @@
  * the loading calls in their throwing and non-throwing forms, ownership of
  * the handle, optional results, views and pinned views, copied strings,
  * string arguments that are not terminated or hold a NUL, and the reload
- * holder under concurrent readers. */
-#include <atomic>
+ * holder (its concurrent readers run in test_stress). */
 #include <cstring>
 #include <filesystem>
 #include <functional>
-#include <set>
 #include <string>
-#include <thread>
 #include <vector>
 
 #include "api_fixtures.h"
@@ -527,57 +524,6 @@ TEST(CppApi, ReloadReport)
         EXPECT_EQ(reasons(r), c.reasons);
     }
     EXPECT_EQ(show(holder.current()->pattern_version()), "'1.00078.35'");
-}
-
-/* What a reader sees of one snapshot, with a pinned list it keeps. */
-std::string signature(const taze::snapshot &s)
-{
-    const auto m = s.map<taze::maps::str_int>(0);
-    return show(s->pattern_version()) + show(s->rule_index_desc(1)) +
-           show(s->search(taze::list_kind::exact, 0, "alpha.example")) +
-           show(s->search(taze::list_kind::exact, 0, "beta.example")) + show(s.string_list(0)) +
-           show(m.find("alpha.example")) + show(m.find("beta.example"));
-}
-
-TEST(CppApi, ReloadUnderConcurrentReaders)
-{
-    const Files &f = files();
-    taze::reloading_handle holder;
-    holder.load(f.b);
-    const std::string sig_b = signature(holder.current());
-    holder.load(f.a);
-    const std::string sig_a = signature(holder.current());
-    ASSERT_NE(sig_a, sig_b);
-
-    constexpr int kReloads = 60;
-    std::atomic<bool> done{false};
-    std::atomic<int> observations{0}, wrong{0}, stale_pins_wrong{0};
-    auto reader_thread = [&](bool cached) {
-        taze::reloading_handle::reader reader(holder);
-        std::optional<std::pair<std::string, taze::snapshot>> kept; /* an older snapshot, read again later */
-        do {
-            const taze::snapshot s = cached ? reader.current() : holder.current();
-            const std::string sig = signature(s);
-            if (sig != sig_a && sig != sig_b) ++wrong;
-            if (kept && signature(kept->second) != kept->first) ++stale_pins_wrong;
-            if (!kept || observations % 7 == 0) kept.emplace(sig, s);
-            ++observations;
-        } while (!done.load());
-    };
-    std::vector<std::thread> readers;
-    for (bool cached : {true, false, true}) readers.emplace_back(reader_thread, cached);
-    std::thread writer([&] {
-        for (int i = 0; i < kReloads; ++i) {
-            if (holder.try_load(i % 2 ? f.a : f.b)) ++wrong;
-        }
-        done = true;
-    });
-    writer.join();
-    for (std::thread &t : readers) t.join();
-    EXPECT_EQ(wrong.load(), 0);
-    EXPECT_EQ(stale_pins_wrong.load(), 0);
-    EXPECT_GE(observations.load(), 3);
-    EXPECT_EQ(signature(holder.current()), sig_a);
 }
 
 } // namespace

@@ -171,48 +171,6 @@ TEST(Crypto, DamagedAndShortBodies)
     EXPECT_EQ(decBuf(&head, nullptr), KORM_TFSH_MD5_ERROR_BLOCK_DEC);
 }
 
-/* The body arriving piece by piece and decrypted at each arrival gives what
- * one decBuf over the whole body gives: the same code and bytes, on bodies
- * of many lengths cut at many points (bytes past a cut are not there yet). */
-TEST(Crypto, StepsEqualOneShot)
-{
-    std::mt19937 rng(5);
-    for (std::size_t size : {std::size_t(20), std::size_t(100), std::size_t(8191), std::size_t(8200),
-                             std::size_t(40000), std::size_t(300001)}) {
-        Bytes payload(size);
-        for (auto &c : payload) c = std::uint8_t(rng());
-        const Encrypted e = writer_encrypt(payload);
-        const auto enclen = std::uint32_t(e.body.size());
-        for (bool damaged : {false, true}) {
-            Encrypted in = e;
-            if (damaged) in.body[in.body.size() / 2] ^= 0x10;
-            Bytes whole;
-            const long want = run_decbuf(in, enclen, std::uint32_t(size), &whole);
-            for (std::size_t step : {std::size_t(1), std::size_t(17), std::size_t(4096), std::size_t(8208),
-                                     std::size_t(65536 + 5), std::size_t(0)}) {
-                ENCHEAD head{enclen, std::uint32_t(size), {}};
-                std::memcpy(head.digest, in.digest.data(), 16);
-                Bytes buf(enclen, 0xEE);
-                BODYDECRYPT d{};
-                for (std::size_t have = 0; have < enclen;) {
-                    const std::size_t next =
-                        std::min<std::size_t>(enclen, have + (step ? step : 1 + rng() % 30000));
-                    std::copy(in.body.begin() + long(have), in.body.begin() + long(next), buf.begin() + long(have));
-                    have = next;
-                    if (!d.started && have >= 32) decStart(&d, &head, buf.data());
-                    if (d.started) decStep(&d, &head, buf.data(), std::uint32_t(have));
-                }
-                const long rc = decFinish(&d, &head);
-                decRelease(&d);
-                EXPECT_EQ(rc, want) << size << " bytes, steps of " << step << (damaged ? ", damaged" : "");
-                if (want == KORM_TFSH_MD5_SUCCESS) {
-                    EXPECT_TRUE(std::equal(whole.begin(), whole.end(), buf.begin())) << size << " bytes, steps of " << step;
-                }
-            }
-        }
-    }
-}
-
 TEST(Crypto, GetMultiple)
 {
     const int cases[][3] = {{33, 16, 48},  {32, 16, 32},   {0, 16, 0},    {1, 16, 16},

@@ -68,55 +68,6 @@ TEST(Match, Comparators)
     }
 }
 
-TEST(Match, BackwardComparisonEdges)
-{
-    struct Row {
-        const char *s1, *s2;
-        UINT32 n;
-        int folded, exact;
-    };
-    const Row rows[] = {
-        {"", "", 0, 0, 0},
-        {"", "ab", 0, 0, 0},
-        {"", "aB", 2, -'b', -'B'},
-        {"xY", "", 0, 0, 0},
-        {"xY", "", 3, 'y', 'Y'},
-        {"xY", "y", 0x80000000u, 'y', 'Y'}, // n below 1 as a signed count
-        {"abc", "xbc", 2, 0, 0},             // only the last n bytes count
-        {"abc", "xbc", 3, 'a' - 'x', 'a' - 'x'},
-        {"bc", "abc", 3, -'a', -'a'},
-        {"abc", "BC", 2, 0, 'c' - 'C'},
-    };
-    for (const Row &r : rows) {
-        const counted_string_t a = cs(r.s1), b = cs(r.s2);
-        EXPECT_EQ(strncasecmp_reverse(&a, &b, r.n), r.folded) << r.s1 << " / " << r.s2;
-        EXPECT_EQ(strncmp_reverse(&a, &b, r.n), r.exact) << r.s1 << " / " << r.s2;
-    }
-}
-
-TEST(Match, SubstringSearches)
-{
-    struct Row {
-        const char *hay, *needle;
-        int folded, exact; // offset of the hit, -1 for none
-    };
-    const Row rows[] = {
-        {"abcABC", "Ca", 2, -1}, {"abcABC", "cA", 2, 2}, {"abcABC", "", -1, -1}, {"", "a", -1, -1},
-        {"ab", "abc", -1, -1},   {"xaXA", "xa", 0, 0},   {"aaab", "AB", 2, -1},  {"ab\xC4", "\xE4", -1, -1},
-    };
-    for (const Row &r : rows) {
-        const counted_string_t h = cs(r.hay), n = cs(r.needle);
-        const unsigned char *f = str_case_str(&h, &n), *e = str_str(&h, &n);
-        EXPECT_EQ(f ? f - h.ptr : -1, r.folded) << r.hay << " / " << r.needle;
-        EXPECT_EQ(e ? e - h.ptr : -1, r.exact) << r.hay << " / " << r.needle;
-    }
-    // The haystack ends at its length, not at its NUL.
-    const counted_string_t shortened{u("abcdef"), 4}, de = cs("de"), null_ptr{nullptr, 3};
-    EXPECT_EQ(str_case_str(&shortened, &de), nullptr);
-    EXPECT_EQ(str_case_str(&null_ptr, &de), nullptr);
-    EXPECT_EQ(str_str(&de, nullptr), nullptr);
-}
-
 TEST(Match, RangeAndKeyComparators)
 {
     const ip_rng_st ip{10, 20}, inverted{10, 5};
@@ -154,27 +105,6 @@ TEST(Match, RangeAndKeyComparators)
     r2.rule_id = 0x80000002u;
     EXPECT_EQ(rule_info_cmp(&r1, &r2), -1); // a true unsigned comparison
     EXPECT_EQ(rule_info_cmp(&r2, &r1), 1);
-}
-
-TEST(Match, RuleInfoSortAndSearch)
-{
-    const UINT32 ids[] = {30, 0x80000001u, 10, 20, 0xFFFFFFFFu};
-    std::vector<taz_rule_info_st> infos(std::size(ids));
-    for (size_t i = 0; i < infos.size(); ++i) infos[i].rule_id = ids[i];
-    taz_rule_info_list_st list{static_cast<UINT32>(infos.size()), infos.data()};
-    rule_info_list_init(&list);
-    rule_info_list_init(nullptr);
-    const UINT32 sorted[] = {10, 20, 30, 0x80000001u, 0xFFFFFFFFu};
-    for (size_t i = 0; i < infos.size(); ++i) EXPECT_EQ(infos[i].rule_id, sorted[i]) << i;
-    for (UINT32 id : sorted) {
-        const taz_rule_info_st *found = rule_info_list_search(id, &list);
-        ASSERT_NE(found, nullptr) << id;
-        EXPECT_EQ(found->rule_id, id);
-    }
-    EXPECT_EQ(rule_info_list_search(25, &list), nullptr);
-    EXPECT_EQ(rule_info_list_search(10, nullptr), nullptr);
-    const taz_rule_info_list_st empty{0, nullptr};
-    EXPECT_EQ(rule_info_list_search(10, &empty), nullptr);
 }
 
 /* The bisection visits exactly the entries glibc's bsearch visits. */

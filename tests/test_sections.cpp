@@ -25,11 +25,11 @@ ImagePtr load(const Bytes &payload, bool second = false)
 }
 
 /* Loads with the error and warning bits set; returns what was printed. */
-std::string load_printing(const Bytes &payload, ImagePtr &out, bool second = false)
+std::string load_printing(const Bytes &payload, ImagePtr &out)
 {
     tazt::DebugMask mask(VKDEBUG_ERR | VKDEBUG_WARN);
     tazt::StdoutCapture cap;
-    out = load(payload, second);
+    out = load(payload);
     return cap.finish();
 }
 
@@ -281,28 +281,6 @@ TEST(SectionWalk, SparseListNumbers)
     }
 }
 
-TEST(RangeLists, EntriesAreCopied)
-{
-    ImagePtr img = load(concat({
-        section(MAGIC_TAZE_PATTERN_IP, 1, list(0, 1, ip_entries({{0x01020304, 0x0A0B0C0D}}))),
-        section(MAGIC_TAZE_PATTERN_IPV6, 1, list(1, 1, ipv6_entries({{kA, kA}}))),
-        /* a list size larger than its entries: the next list follows the size */
-        section(MAGIC_TAZE_PATTERN_PORT, 2,
-                concat({list(0, 1, concat({port_entries({{0, 65535}}), Bytes(6, 0xEE)})),
-                        list(1, 1, port_entries({{80, 80}}))})),
-    }));
-    ASSERT_TRUE(img);
-    EXPECT_EQ(img->ip_range_lists[0].ip_ranges[0].ip_l, 0x01020304u);
-    EXPECT_EQ(img->ip_range_lists[0].ip_ranges[0].ip_h, 0x0A0B0C0Du);
-    ASSERT_EQ(img->ipv6_range_lists[1].nr_ipv6_ranges, 1u);
-    EXPECT_EQ(0, std::memcmp(img->ipv6_range_lists[1].ipv6_ranges[0].ipv6_l.bytes, kA.data(), 16));
-    EXPECT_EQ(0, std::memcmp(img->ipv6_range_lists[1].ipv6_ranges[0].ipv6_h.bytes, kA.data(), 16));
-    ASSERT_EQ(img->max_port_range_list_count, 2u);
-    EXPECT_EQ(img->port_range_lists[0].port_ranges[0].port_l, 0);
-    EXPECT_EQ(img->port_range_lists[0].port_ranges[0].port_h, 65535);
-    EXPECT_EQ(img->port_range_lists[1].port_ranges[0].port_l, 80);
-}
-
 TEST(MapLists, EveryLayoutDecodes)
 {
     const std::vector<tazw::StrIntEntry> si{{"alpha", {1, 2, 3}}, {"beta", {}}};
@@ -363,30 +341,6 @@ TEST(MapLists, Ipv6ValuesAreCheckedFourBytesEachAgainstTheSection)
     EXPECT_EQ(m.ipv6s[3].bytes[15], 0x77);
 }
 
-TEST(SecondKind, NameSection)
-{
-    auto names = [](std::uint32_t count, std::initializer_list<Bytes> lists) {
-        return section(MAGIC_TAZE_PATTERN_ULM_INFO, count, concat(lists));
-    };
-    auto name = [](const std::string &s, UINT32 magic = MAGIC_TAZE_PATTERN_ULM_INFO, UINT32 n = 1) {
-        return list(magic, n, LeBuf().str(s).take());
-    };
-    const Bytes two = names(2, {name("first"), name("second")});
-    ImagePtr img(nullptr, ulm_unload_pattern);
-    EXPECT_EQ(load_printing(two, img, true), "");
-    ASSERT_TRUE(img);
-    EXPECT_EQ(text(img->ulm_info.malname), "second");
-    EXPECT_EQ(text(load(names(1, {name("")}), true)->ulm_info.malname), "");
-    EXPECT_EQ(load(str_section(1, strs(0, {"a"})), true)->ulm_info.malname, nullptr);
-    EXPECT_EQ(load(two)->ulm_info.malname, nullptr) << "the main kind skips the name section";
-
-    const Bytes odd = names(3, {name("x", 0x44434241), name("y", 0x45454545, 0), name("z")});
-    EXPECT_EQ(load_printing(odd, img, true), "BUG: Un-recognized pattern info pattern header magic: 44434241");
-    ASSERT_TRUE(img);
-    EXPECT_EQ(text(img->ulm_info.malname), "z");
-    EXPECT_FALSE(load(names(1, {list(MAGIC_TAZE_PATTERN_ULM_INFO, 1, LeBuf().u32(9).take())}), true));
-}
-
 /* Port lists numbered 0..k-1, each of size 0 and n entries that overlap the
  * later headers and a shared tail: k * n entries from 12k + 4n bytes. */
 Bytes overlapping_port_lists(std::uint32_t k, std::uint32_t n)
@@ -396,6 +350,7 @@ Bytes overlapping_port_lists(std::uint32_t k, std::uint32_t n)
     return section(MAGIC_TAZE_PATTERN_PORT, k, b.raw(Bytes(4 * std::size_t(n), 0x11)).take());
 }
 
+/* Counts and list numbers past the caps are swept in test_robustness. */
 TEST(Hostile, MalformedSectionsFailCleanly)
 {
     auto entry = [](UINT32 magic, LeBuf e) { return section(magic, 1, list(0, 1, e.take())); };
@@ -410,20 +365,15 @@ TEST(Hostile, MalformedSectionsFailCleanly)
         {"list size one byte past the section", str_section(1, raw_list(0, 7, 1, LeBuf().str("a"))), false},
         {"list size ending at the section end", str_section(1, raw_list(0, 6, 1, LeBuf().str("a"))), true},
         {"string length 0xFFFFFFFF", str_section(1, raw_list(0, 8, 1, LeBuf().u32(0xFFFFFFFFu).u32(0))), false},
-        {"huge string count", str_section(1, list(0, 0xFFFFFFFFu, string_entries({"a"}))), false},
-        {"huge list count", str_section(0xFFFFFFFFu, strs(0, {"a"})), false},
-        {"huge list number", str_section(1, strs(0xFFFFFFFEu, {"a"})), false},
         {"list number 2^31-2: one record", str_section(1, strs(0x7FFFFFFEu, {"a"})), true},
         {"list number 2^31-1", str_section(1, strs(0x7FFFFFFFu, {"a"})), false},
         {"overlapping lists within the memory budget", overlapping_port_lists(10, 1000), true},
         {"overlapping lists beyond the memory budget", overlapping_port_lists(1000, 3000), false},
         {"IPv4 list of 3 holding 2 1/2 entries", section(MAGIC_TAZE_PATTERN_IP, 1, list(0, 3, Bytes(20, 1))), false},
         {"IPv6 range cut short", section(MAGIC_TAZE_PATTERN_IPV6, 1, list(0, 1, Bytes(31, 1))), false},
-        {"huge integer value count", entry(INT_INT, LeBuf().u32(1).u32(0xFFFFFFFFu).u32(5)), false},
         {"huge string value count", entry(STR_STR, LeBuf().str("k").u32(0x40000000u).str("v")), false},
         {"IPv6 values 4 x nr past 32 bits", entry(STR_IPV6, LeBuf().str("k").u32(0x40000000u)), false},
         {"5 IPv6 values need 20 bytes in the section", concat({ipv6_map_entry(5), kAfter}), false},
-        {"IPv6 values leaving the payload", ipv6_map_entry(4), false},
         {"key whose NUL ends the section", concat({entry(STR_STR, LeBuf().str("key")), kAfter}), false},
         {"string value without room for its NUL",
          concat({entry(STR_STR, LeBuf().str("key").u32(1).u32(2).raw("vv", 2)), kAfter}), false},
@@ -433,7 +383,6 @@ TEST(Hostile, MalformedSectionsFailCleanly)
     for (const auto &c : cases) EXPECT_EQ(bool(load(c.payload)), c.loads) << c.name;
 }
 
-/* A death-test pattern matching the text literally. */
 /* Deliberate assertions in Debug builds; a clean failure without them. */
 TEST(Preconditions, EmptyListSectionAndAbsentPayload)
 {

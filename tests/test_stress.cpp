@@ -25,12 +25,12 @@
 #include <vector>
 
 #include "../fuzz/samples.h"
+#include "api_fixtures.h"
 #include "taze.hpp"
-#include "test_support.h"
 
 namespace {
 
-using tazw::Bytes;
+using namespace apif;
 
 constexpr int kReaders = 4;
 constexpr int kRounds = 30;  /* query table passes per reader, at least */
@@ -41,154 +41,79 @@ const char kPrefix[] = "p";
 
 /* ---- the query table ------------------------------------------------------------ */
 
-/* One query and its answer as text (copies the library made are freed). */
-struct Probe {
-    std::string name;
-    std::function<std::string(TAZE *)> ask;
-};
-
-std::string text_of(const unsigned char *s, std::uint32_t len) { return std::string(reinterpret_cast<const char *>(s), len); }
-std::string text_of(const char *s) { return s ? s : "<null>"; }
-
-std::string take(char *s)
-{
-    std::string t = text_of(s);
-    std::free(s);
-    return t;
-}
-
-/* The outputs of one kind of getter, and their text. A getter is called
- * with the probe's keys followed by a pointer to each output. */
-struct Number {
-    unsigned v = 0;
-    auto outputs() { return std::make_tuple(&v); }
-    std::string text() const { return std::to_string(v); }
-};
-struct Text {
-    char *s = nullptr;
-    auto outputs() { return std::make_tuple(&s); }
-    std::string text() { return take(s); }
-};
-struct Clean {
-    unsigned priority = 0;
-    char *src = nullptr, *dst = nullptr;
-    auto outputs() { return std::make_tuple(&priority, &src, &dst); }
-    std::string text() { return std::to_string(priority) + " " + take(src) + " " + take(dst); }
-};
-struct Risk {
-    unsigned policy = 0, severity = 0;
-    auto outputs() { return std::make_tuple(&policy, &severity); }
-    std::string text() const { return std::to_string(policy) + "/" + std::to_string(severity); }
-};
-
-/* Map records: the key, the value count and the first value. */
-std::string describe(const TAZE_CountedString &s) { return s.ptr ? text_of(s.ptr, s.len) : "<none>"; }
-std::string describe(std::uint32_t v) { return std::to_string(v); }
-std::string describe(const TAZE_IPv6 &a) { return std::to_string(a.bytes[0]) + "." + std::to_string(a.bytes[15]); }
-
-/* A map record borrowed from the pattern: every record is a key, a value
- * count and the values. */
-template <typename R>
-struct Record {
-    R r{};
-    auto outputs() { return std::make_tuple(&r); }
-    std::string text() const
-    {
-        const auto &[key, n, values] = r;
-        return describe(key) + " #" + std::to_string(n) + (n && values ? " " + describe(values[0]) : "");
-    }
-};
-
-/* A getter with outputs Out: its result code and the outputs' text. */
-template <typename Out, typename Fn, typename... A>
-Probe probe(std::string name, Fn fn, A... a)
-{
-    return {std::move(name), [=](TAZE *h) {
-                Out out;
-                const int rc = std::apply([&](auto... o) { return fn(h, a..., o...); }, out.outputs());
-                return std::to_string(rc) + " " + out.text();
-            }};
-}
-
-/* Calls whose result is the answer. */
-template <typename Fn, typename... A>
-Probe plain(std::string name, Fn fn, A... a)
-{
-    return {std::move(name), [=](TAZE *h) { return std::to_string(fn(h, a...)); }};
-}
-
 const unsigned char kV6Hit[16] = {0x20, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0x10};
 const unsigned char kV6Miss[16] = {0x30};
 const tazw::IPv6 kV6KeyA = tazf::v6(0x20, 1), kV6KeyB = tazf::v6(0xFE, 2); /* keys of the IPv6 maps */
 
 /* Every kind of query, with keys that hit and keys that miss. */
-std::vector<Probe> query_table()
+std::vector<Query> query_table()
 {
-    std::vector<Probe> t;
+    std::vector<Query> t;
     for (unsigned k : {0u, 1u}) {
         const std::string kind = k ? " (second)" : "";
         for (unsigned i : {0u, 2u, 9u}) {
             const std::string at = " " + std::to_string(i) + kind;
-            t.push_back(probe<Text>("rule index desc" + at, TAZE_GetRuleIndexDescEx, k, i));
-            t.push_back(probe<Text>("rule index risk" + at, TAZE_GetRuleIndexRiskEx, k, i));
-            t.push_back(probe<Number>("rule index group" + at, TAZE_GetRuleIndexRiskGroupEx, k, i));
-            t.push_back(probe<Number>("rule index cl" + at, TAZE_GetRuleIndexCLEx, k, i));
-            t.push_back(probe<Number>("rule index enable" + at, TAZE_GetRuleIndexEnableEx, k, i));
-            t.push_back(probe<Number>("rule index id" + at, TAZE_GetRuleIndexRuleIDEx, k, i));
+            t.push_back(query<Text>("rule index desc" + at, TAZE_GetRuleIndexDescEx, k, i));
+            t.push_back(query<Text>("rule index risk" + at, TAZE_GetRuleIndexRiskEx, k, i));
+            t.push_back(query<Number>("rule index group" + at, TAZE_GetRuleIndexRiskGroupEx, k, i));
+            t.push_back(query<Number>("rule index cl" + at, TAZE_GetRuleIndexCLEx, k, i));
+            t.push_back(query<Number>("rule index enable" + at, TAZE_GetRuleIndexEnableEx, k, i));
+            t.push_back(query<Number>("rule index id" + at, TAZE_GetRuleIndexRuleIDEx, k, i));
         }
         for (unsigned id : {7u, 42u, 5u}) {
             const std::string at = " " + std::to_string(id) + kind;
-            t.push_back(probe<Text>("rule id risk" + at, TAZE_GetRuleIdRiskEx, k, id));
-            t.push_back(probe<Number>("rule id group" + at, TAZE_GetRuleIdRiskGroupEx, k, id));
-            t.push_back(probe<Number>("rule id cl" + at, TAZE_GetRuleIdCLEx, k, id));
-            t.push_back(probe<Number>("rule clean check" + at, TAZE_CheckRuleIdCleanEx, k, id, 6u, 2u));
-            t.push_back(probe<Clean>("rule clean" + at, TAZE_GetRuleIdCleanEx, k, id));
-            t.push_back(probe<Risk>("potential risk" + at, TAZE_GetPotentialRiskInfoEx, k, id, 2u, 6u));
-            t.push_back(probe<Number>("threat type" + at, TAZE_GetThreatTypeEx, k, id));
+            t.push_back(query<Text>("rule id risk" + at, TAZE_GetRuleIdRiskEx, k, id));
+            t.push_back(query<Number>("rule id group" + at, TAZE_GetRuleIdRiskGroupEx, k, id));
+            t.push_back(query<Number>("rule id cl" + at, TAZE_GetRuleIdCLEx, k, id));
+            t.push_back(query<Number>("rule clean check" + at, TAZE_CheckRuleIdCleanEx, k, id, 6u, 2u));
+            t.push_back(query<Clean>("rule clean" + at, TAZE_GetRuleIdCleanEx, k, id));
+            t.push_back(query<Risk>("potential risk" + at, TAZE_GetPotentialRiskInfoEx, k, id, 2u, 6u));
+            t.push_back(query<Number>("threat type" + at, TAZE_GetThreatTypeEx, k, id));
         }
-        t.push_back(probe<Number>("rule count" + kind, TAZE_GetRuleInfoCountEx, k));
-        t.push_back(probe<Number>("clean info check" + kind, TAZE_CheckCleanInfoEx, k, 1u, 2u));
-        t.push_back(probe<Clean>("clean info" + kind, TAZE_GetCleanInfoEx, k, 17u));
-        t.push_back(probe<Risk>("known risk" + kind, TAZE_GetKnownRiskInfoEx, k, 1u, 17u));
-        t.push_back(probe<Number>("protocol group of id" + kind, TAZE_GetProtocolIdGroupIDEx, k, 17u));
+        t.push_back(query<Number>("rule count" + kind, TAZE_GetRuleInfoCountEx, k));
+        t.push_back(query<Number>("clean info check" + kind, TAZE_CheckCleanInfoEx, k, 1u, 2u));
+        t.push_back(query<Clean>("clean info" + kind, TAZE_GetCleanInfoEx, k, 17u));
+        t.push_back(query<Risk>("known risk" + kind, TAZE_GetKnownRiskInfoEx, k, 1u, 17u));
+        t.push_back(query<Number>("protocol group of id" + kind, TAZE_GetProtocolIdGroupIDEx, k, 17u));
     }
-    t.push_back(probe<Text>("rule id desc", TAZE_GetRuleIdDesc, 42u));
-    t.push_back(probe<Text>("rule index desc", TAZE_GetRuleIndexDesc, 1u));
-    t.push_back(probe<Number>("rule count", TAZE_GetRuleInfoCount));
+    t.push_back(query<Text>("rule id desc", TAZE_GetRuleIdDesc, 42u));
+    t.push_back(query<Text>("rule index desc", TAZE_GetRuleIndexDesc, 1u));
+    t.push_back(query<Number>("rule count", TAZE_GetRuleInfoCount));
     for (unsigned i : {0u, 1u, 7u}) {
         const std::string at = " " + std::to_string(i);
-        t.push_back(probe<Number>("protocol index id" + at, TAZE_GetProtocolIndexID, i));
-        t.push_back(probe<Text>("protocol index desc" + at, TAZE_GetProtocolIndexDesc, i));
-        t.push_back(probe<Number>("protocol index group" + at, TAZE_GetProtocolIndexGroupID, i));
-        t.push_back(probe<Number>("group index id" + at, TAZE_GetProtocolGroupIndexID, i));
-        t.push_back(probe<Text>("group index desc" + at, TAZE_GetProtocolGroupIndexDesc, i));
-        t.push_back(probe<Number>("group index members" + at, TAZE_GetProtocolGroupIndexProtocolCount, i));
-        t.push_back(probe<Number>("group index member 1" + at, TAZE_GetProtocolGroupIndexProtocolIndex, i, 1u));
+        t.push_back(query<Number>("protocol index id" + at, TAZE_GetProtocolIndexID, i));
+        t.push_back(query<Text>("protocol index desc" + at, TAZE_GetProtocolIndexDesc, i));
+        t.push_back(query<Number>("protocol index group" + at, TAZE_GetProtocolIndexGroupID, i));
+        t.push_back(query<Number>("group index id" + at, TAZE_GetProtocolGroupIndexID, i));
+        t.push_back(query<Text>("group index desc" + at, TAZE_GetProtocolGroupIndexDesc, i));
+        t.push_back(query<Number>("group index members" + at, TAZE_GetProtocolGroupIndexProtocolCount, i));
+        t.push_back(query<Number>("group index member 1" + at, TAZE_GetProtocolGroupIndexProtocolIndex, i, 1u));
     }
     for (unsigned id : {6u, 100u, 200u}) {
         const std::string at = " " + std::to_string(id);
-        t.push_back(probe<Text>("protocol id desc" + at, TAZE_GetProtocolIdDesc, id));
-        t.push_back(probe<Number>("protocol id group" + at, TAZE_GetProtocolIdGroupID, id));
-        t.push_back(probe<Text>("group id desc" + at, TAZE_GetProtocolGroupIdDesc, id));
-        t.push_back(probe<Number>("group id members" + at, TAZE_GetProtocolGroupIdProtocolCount, id));
-        t.push_back(probe<Number>("group id member 0" + at, TAZE_GetProtocolGroupIdProtocolIndexId, id, 0u));
+        t.push_back(query<Text>("protocol id desc" + at, TAZE_GetProtocolIdDesc, id));
+        t.push_back(query<Number>("protocol id group" + at, TAZE_GetProtocolIdGroupID, id));
+        t.push_back(query<Text>("group id desc" + at, TAZE_GetProtocolGroupIdDesc, id));
+        t.push_back(query<Number>("group id members" + at, TAZE_GetProtocolGroupIdProtocolCount, id));
+        t.push_back(query<Number>("group id member 0" + at, TAZE_GetProtocolGroupIdProtocolIndexId, id, 0u));
     }
-    t.push_back(probe<Number>("protocol count", TAZE_GetProtocolCount));
-    t.push_back(probe<Number>("group count", TAZE_GetProtocolGroupCount));
-    t.push_back(probe<Number>("threat type", TAZE_GetThreatType, 42u));
-    t.push_back(probe<Risk>("known risk", TAZE_GetKnownRiskInfo, 3u, 100u));
-    t.push_back(probe<Risk>("potential risk", TAZE_GetPotentialRiskInfo, 42u, 2u, 6u));
-    t.push_back(probe<Number>("clean check", TAZE_CheckCleanInfo, 6u, 3u));
+    t.push_back(query<Number>("protocol count", TAZE_GetProtocolCount));
+    t.push_back(query<Number>("group count", TAZE_GetProtocolGroupCount));
+    t.push_back(query<Number>("threat type", TAZE_GetThreatType, 42u));
+    t.push_back(query<Risk>("known risk", TAZE_GetKnownRiskInfo, 3u, 100u));
+    t.push_back(query<Risk>("potential risk", TAZE_GetPotentialRiskInfo, 42u, 2u, 6u));
+    t.push_back(query<Number>("clean check", TAZE_CheckCleanInfo, 6u, 3u));
     t.push_back({"second kind name", [](TAZE *h) {
                      const char *info = nullptr;
                      const int rc = TAZE_GetUlmInfo(h, &info);
-                     return std::to_string(rc) + " " + text_of(info);
+                     return std::to_string(rc) + " " + (info ? info : "<null>");
                  }});
     t.push_back({"raw pattern", [](TAZE *h) {
                      const unsigned char *data = nullptr;
                      unsigned len = 0;
                      const int rc = TAZE_GetRawPatternByType(h, RPT_YUB, &data, &len);
-                     return std::to_string(rc) + " " + (data ? text_of(data, len) : std::string("<none>"));
+                     const std::string raw = data ? std::string(reinterpret_cast<const char *>(data), len) : "<none>";
+                     return std::to_string(rc) + " " + raw;
                  }});
     t.push_back({"compiler version", [](TAZE *h) {
                      char buf[32] = {};
@@ -217,31 +142,31 @@ std::vector<Probe> query_table()
         for (int mt : {MT_STRING, MT_PREFIX, MT_SUFFIX, MT_SUBSTR, MT_STRING_SUFFIX, MT_SUBSTR_PREFIX}) {
             const std::string at = " type " + std::to_string(mt) + (k ? " (second)" : "");
             t.push_back(plain("SI search" + at, TAZE_PatternSearchSIMap, k, mt, 2, "example.com", 7u));
-            t.push_back(probe<Record<TAZE_StringIntMap>>("SI by key" + at, TAZE_PatternGetSIMapByKey, k, mt, 0, "evil"));
+            t.push_back(query<Record<TAZE_StringIntMap>>("SI by key" + at, TAZE_PatternGetSIMapByKey, k, mt, 0, "evil"));
             t.push_back(plain("SI count" + at, TAZE_PatternGetSIMapCount, k, mt, 2));
-            t.push_back(probe<Record<TAZE_StringIntMap>>("SI by index" + at, TAZE_PatternGetSIMapByIndex, k, mt, 2, 1));
+            t.push_back(query<Record<TAZE_StringIntMap>>("SI by index" + at, TAZE_PatternGetSIMapByIndex, k, mt, 2, 1));
             t.push_back(plain("SIPv6 search" + at, TAZE_PatternSearchSIPv6Map, k, mt, 0, "a", kV6Hit));
-            t.push_back(probe<Record<TAZE_StringIPv6Map>>("SIPv6 by key" + at, TAZE_PatternGetSIPv6MapByKey, k, mt, 2, "x86"));
-            t.push_back(probe<Record<TAZE_StringIPv6Map>>("SIPv6 by index" + at, TAZE_PatternGetSIPv6MapByIndex, k, mt, 0, 3));
+            t.push_back(query<Record<TAZE_StringIPv6Map>>("SIPv6 by key" + at, TAZE_PatternGetSIPv6MapByKey, k, mt, 2, "x86"));
+            t.push_back(query<Record<TAZE_StringIPv6Map>>("SIPv6 by index" + at, TAZE_PatternGetSIPv6MapByIndex, k, mt, 0, 3));
             t.push_back(plain("IS search" + at, TAZE_PatternSearchISMap, k, mt, 0, 2u, "Value"));
-            t.push_back(probe<Record<TAZE_IntStringMap>>("IS by key" + at, TAZE_PatternGetISMapByKey, k, mt, 2, 40u));
-            t.push_back(probe<Record<TAZE_IntStringMap>>("IS by index" + at, TAZE_PatternGetISMapByIndex, k, mt, 0, 0));
+            t.push_back(query<Record<TAZE_IntStringMap>>("IS by key" + at, TAZE_PatternGetISMapByKey, k, mt, 2, 40u));
+            t.push_back(query<Record<TAZE_IntStringMap>>("IS by index" + at, TAZE_PatternGetISMapByIndex, k, mt, 0, 0));
             t.push_back(plain("SS search" + at, TAZE_PatternSearchSSMap, k, mt, 0, "zz-top", "abc"));
-            t.push_back(probe<Record<TAZE_StringStringMap>>("SS by key" + at, TAZE_PatternGetSSMapByKey, k, mt, 2, "a"));
+            t.push_back(query<Record<TAZE_StringStringMap>>("SS by key" + at, TAZE_PatternGetSSMapByKey, k, mt, 2, "a"));
             t.push_back(plain("SS count" + at, TAZE_PatternGetSSMapCount, k, mt, 0));
-            t.push_back(probe<Record<TAZE_StringStringMap>>("SS by index" + at, TAZE_PatternGetSSMapByIndex, k, mt, 2, 4));
-            t.push_back(probe<Record<TAZE_IntIntMap>>("II by key" + at, TAZE_PatternGetIIMapByKey, k, mt, 0, 1000u));
-            t.push_back(probe<Record<TAZE_IntIntMap>>("II by index" + at, TAZE_PatternGetIIMapByIndex, k, mt, 2, 0));
+            t.push_back(query<Record<TAZE_StringStringMap>>("SS by index" + at, TAZE_PatternGetSSMapByIndex, k, mt, 2, 4));
+            t.push_back(query<Record<TAZE_IntIntMap>>("II by key" + at, TAZE_PatternGetIIMapByKey, k, mt, 0, 1000u));
+            t.push_back(query<Record<TAZE_IntIntMap>>("II by index" + at, TAZE_PatternGetIIMapByIndex, k, mt, 2, 0));
         }
     for (int k : {0, 1}) {
         const std::string at = k ? " (second)" : "";
         t.push_back(plain("II search" + at, TAZE_PatternSearchIIMap, k, 2, 1000u, 102u));
         t.push_back(plain("II count" + at, TAZE_PatternGetIIMapCount, k, MT_STRING, 0));
         t.push_back(plain("IPv6I search" + at, TAZE_PatternSearchIPv6IMap, k, 0, kV6KeyA.data(), 2u));
-        t.push_back(probe<Record<TAZE_IPv6IntMap>>("IPv6I by key" + at, TAZE_PatternGetIPv6IMapByKey, k, 2,
+        t.push_back(query<Record<TAZE_IPv6IntMap>>("IPv6I by key" + at, TAZE_PatternGetIPv6IMapByKey, k, 2,
                                             kV6KeyB.data()));
         t.push_back(plain("IPv6I count" + at, TAZE_PatternGetIPv6IMapCount, k, 0));
-        t.push_back(probe<Record<TAZE_IPv6IntMap>>("IPv6I by index" + at, TAZE_PatternGetIPv6IMapByIndex, k, 2, 1));
+        t.push_back(query<Record<TAZE_IPv6IntMap>>("IPv6I by index" + at, TAZE_PatternGetIPv6IMapByIndex, k, 2, 1));
     }
     return t;
 }
@@ -320,7 +245,7 @@ private:
 };
 
 /* One pass over the table against the expected answers. */
-void check_all(TAZE *h, const std::vector<Probe> &table, const std::vector<std::string> &expected,
+void check_all(TAZE *h, const std::vector<Query> &table, const std::vector<std::string> &expected,
                const std::string &versions, Findings &f)
 {
     for (std::size_t i = 0; i < table.size(); ++i) {
@@ -369,7 +294,7 @@ void run_stress(PatternDir &d, MakePass make_pass, Reload reload)
 }
 
 struct Expected {
-    std::vector<Probe> table = query_table();
+    std::vector<Query> table = query_table();
     std::vector<std::string> answers;
     std::string versions;
 };
@@ -380,7 +305,7 @@ Expected expected_answers(const PatternDir &d)
     Expected e;
     tazt::Handle h = tazt::new_handle();
     EXPECT_EQ(TAZE_LoadPatternDir(h.get(), d.dir().c_str(), kPrefix), 0);
-    for (const Probe &p : e.table) e.answers.push_back(p.ask(h.get()));
+    for (const Query &p : e.table) e.answers.push_back(p.ask(h.get()));
     e.versions = "[" + version_of(h.get()) + "]";
     char buf[32] = {};
     std::snprintf(buf, sizeof buf, KORM_VERSION_FORMAT, int(KORM_GET_PATTERN_PRO(kNewer)),
@@ -443,8 +368,9 @@ TEST(Stress, ReloadUnderReadWriteLock)
     EXPECT_EQ(found.count(), 0) << found.text();
 }
 
-/* A C++ host: readers query lock-free through their reader objects while
- * the writer reloads the reloading handle. */
+/* A C++ host: readers query lock-free, by turns through their reader objects
+ * and through the holder, while the writer reloads the reloading handle; a
+ * snapshot a reader keeps answers as before after later reloads. */
 TEST(Stress, ReloadingHandleWithoutLocks)
 {
     PatternDir d;
@@ -455,8 +381,11 @@ TEST(Stress, ReloadingHandleWithoutLocks)
     run_stress(
         d,
         [&] {
-            return [&, reader = taze::reloading_handle::reader(rh)]() mutable {
-                check_all(reader.current()->native(), e.table, e.answers, e.versions, found);
+            return [&, reader = taze::reloading_handle::reader(rh), kept = rh.current(), n = 0]() mutable {
+                const taze::snapshot s = ++n % 2 ? reader.current() : rh.current();
+                check_all(s->native(), e.table, e.answers, e.versions, found);
+                check_all(kept->native(), e.table, e.answers, e.versions, found);
+                if (n % 7 == 0) kept = s;
             };
         },
         [&] { return rh.try_reload() ? 1 : 0; });

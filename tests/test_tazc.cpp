@@ -337,11 +337,12 @@ TEST(Tazc, StoredOrderAndAddressForms)
 
 struct Refusal {
     const char *what;
-    const char *source; /* pattern_version is added in front */
+    const char *source; /* pattern_version is added in front of all but a whole object */
     const char *error;  /* exactly what the error says */
 };
 
 const Refusal kRefusals[] = {
+    {"missing version", "{}", "missing field \"pattern_version\""},
     {"reversed range", R"("lists": {"ip": {"2": ["1.1.1.1", "2.2.2.2", "3.3.3.3", "10.0.0.9-10.0.0.1"]}})",
      "lists.ip.2[3]: range 10.0.0.9-10.0.0.1 is reversed"},
     {"overlapping ranges", R"("lists": {"ip": {"0": ["10.0.0.5-10.0.0.9", "10.0.0.0/29"]}})",
@@ -446,23 +447,14 @@ const Refusal kRefusals[] = {
 TEST(Tazc, RefusalsNameTheirPath)
 {
     for (const Refusal &r : kRefusals) {
-        std::string text = std::string(R"({"pattern_version": 77, )") + r.source + "}";
+        const std::string text =
+            *r.source == '{' ? r.source : std::string(R"({"pattern_version": 77, )") + r.source + "}";
         try {
             tazc::parse_source(text, "");
             ADD_FAILURE() << r.what << ": accepted";
         } catch (const tazc::SourceError &e) {
             EXPECT_EQ(std::string(e.what()), r.error) << r.what;
         }
-    }
-}
-
-TEST(Tazc, MissingVersionIsRefused)
-{
-    try {
-        tazc::parse_source("{}", "");
-        ADD_FAILURE() << "accepted";
-    } catch (const tazc::SourceError &e) {
-        EXPECT_STREQ(e.what(), "missing field \"pattern_version\"");
     }
 }
 
@@ -493,7 +485,8 @@ TEST(Tazc, CommandLineExitCodes)
          "error: " + dir + "/none.json: cannot open: No such file or directory\n"},
         {"refused source", {"-o", dir + "/x.ptn", bad}, 1,
          "error: lists.ip.2[3]: range 10.0.0.9-10.0.0.1 is reversed\n"},
-        {"unwritable output", {"-o", dir + "/no/such/dir/x.ptn", good}, 1, "error: cannot write "},
+        {"unwritable output", {"-o", dir + "/no/such/dir/x.ptn", good}, 1,
+         "error: cannot write " + dir + "/no/such/dir/x.ptn: No such file or directory\n"},
         {"file", {"-o", dir + "/x.ptn", good}, 0, ""},
         {"directory", {"--out-dir", dir, "--prefix", "taz", "--no-encrypt", good}, 0, ""},
     };
@@ -522,13 +515,7 @@ TEST(Tazc, CommandLineExitCodes)
 
 /* ---- the example source ------------------------------------------------------------------------ */
 
-std::string take(char *s)
-{
-    std::string out = s ? s : "(null)";
-    std::free(s);
-    return out;
-}
-
+/* Its rule, clean, protocol and risk answers are checked through taze query. */
 TEST(Tazc, ExampleCompilesAndLoads)
 {
     std::ifstream in(example_path());
@@ -548,47 +535,10 @@ TEST(Tazc, ExampleCompilesAndLoads)
     TAZE *p = h.get();
     expect_all_found(p, PT_TAZ, model.main, src);
     expect_all_found(p, PT_ULM, *model.ulm, src.at("ulm"));
-
-    char *s = nullptr;
-    unsigned u = 0, policy = 0, severity = 0;
-    char ver[32] = {};
-    EXPECT_EQ(TAZE_GetCompilerVersion(p, ver, sizeof ver), 0);
-    EXPECT_STREQ(ver, "1.00003.02");
-    EXPECT_EQ(TAZE_GetRuleIdDesc(p, 1002, &s), 0);
-    EXPECT_EQ(take(s), "Trojan command channel");
-    s = nullptr;
-    EXPECT_EQ(TAZE_GetRuleIdRisk(p, 1003, &s), 0);
-    EXPECT_EQ(take(s), "Phishing");
-    EXPECT_EQ(TAZE_GetRuleInfoCount(p, &u), 0);
-    EXPECT_EQ(u, 3u);
-    EXPECT_EQ(TAZE_CheckRuleIdClean(p, 1001, 6, 2, &u), 1);
-    EXPECT_EQ(u, 2u);
-    EXPECT_EQ(TAZE_CheckCleanInfo(p, 17, 3, &u), 1);
-    EXPECT_EQ(u, 5u);
-    EXPECT_EQ(TAZE_GetThreatType(p, 1003, &u), 0);
-    EXPECT_EQ(u, 4u);
-    EXPECT_EQ(TAZE_GetProtocolIdGroupID(p, 17, &u), 0); /* from its group's member list */
-    EXPECT_EQ(u, 101u);
-    EXPECT_EQ(TAZE_GetProtocolIdGroupID(p, 1, &u), 0); /* named by the protocol */
-    EXPECT_EQ(u, 200u);
-    EXPECT_EQ(TAZE_GetProtocolGroupIdProtocolIndexId(p, 101, 1, &u), 0);
-    EXPECT_EQ(u, 17u);
-    EXPECT_EQ(TAZE_GetKnownRiskInfo(p, 2, 6, &policy, &severity), 0);
-    EXPECT_EQ(policy, 501u);
-    EXPECT_EQ(TAZE_GetKnownRiskInfo(p, 3, 99, &policy, &severity), 0);
-    EXPECT_EQ(policy, 201u);
-    EXPECT_EQ(TAZE_GetPotentialRiskInfo(p, 1001, 3, 6, &policy, &severity), 0);
-    EXPECT_EQ(policy, 401u);
     const unsigned char *raw = nullptr;
     unsigned raw_len = 0;
     EXPECT_EQ(TAZE_GetRawPatternByType(p, RPT_YUB, &raw, &raw_len), 0);
     EXPECT_EQ(std::string(reinterpret_cast<const char *>(raw), raw_len), "opaque data handed to the host as it is");
-    EXPECT_EQ(TAZE_GetThreatTypeEx(p, PT_ULM, 9001, &u), 0);
-    EXPECT_EQ(u, 4u);
-    TAZE_PointToULMPattern(p);
-    const char *name = nullptr;
-    EXPECT_EQ(TAZE_GetUlmInfo(p, &name), 0);
-    EXPECT_STREQ(name, "Example second pattern");
 }
 
 } // namespace
