@@ -520,8 +520,8 @@ inline std::uint64_t tree_bytes(std::uint64_t n, std::uint64_t node) { return kI
 
 /* Exact text lists in strict comparator order (taze_fast_hash.cpp). */
 Accel *make_hash_index(const Texts &t, bool fold, const Payload &pl, Budget &b);
-/* Most bytes the hash index of n entries takes. */
-std::uint64_t hash_index_bytes(std::uint64_t n);
+/* Most bytes the hash index of a list takes (the one place its size is decided). */
+std::uint64_t hash_index_bytes(const Texts &t, const Payload &pl);
 /* Range lists ascending without overlap: bucket tables (taze_fast_ranges.cpp). */
 Accel *index_ordered_ranges(const ip_rng_list_st &l, Budget &b);
 Accel *index_ordered_ranges(const port_rng_list_st &l, Budget &b);
