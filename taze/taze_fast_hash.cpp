@@ -269,7 +269,13 @@ private:
     struct Into {
         using Value = W;
         HashIndex *ix;
-        const void *home(std::uint64_t h) const { return &ix->buckets_[slot_in(h, ix->buckets_.size())]; }
+        /* The home bucket, for BlockInserter to prefetch; the partner is prefetched here. */
+        const void *home(std::uint64_t h) const
+        {
+            const std::size_t b = slot_in(h, ix->buckets_.size());
+            prefetch(&ix->buckets_[ix->partner(b, ix->tag_of(h))]);
+            return &ix->buckets_[b];
+        }
         /* w: the slot without its tag */
         void put(std::uint64_t h, W w)
         {
