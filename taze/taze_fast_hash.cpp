@@ -21,10 +21,10 @@ namespace {
 // insertion moves slots without reading their texts). A search reads both
 // lines at once, compares the tags of their slots and reads the text only
 // behind a matching tag: straight from the payload, with no element record
-// in between. Two choices among sixteen slots fill a table to 127/128 of its
-// slots (about 4 bytes per entry) before an insertion fails; the
-// insertion's moves are bounded, and a table that cannot be filled within
-// them is not built (the list keeps the plain search).
+// in between. With two choices among sixteen slots a table fills to 63/64
+// of its slots (about 4 bytes per entry) with few moves (an insertion takes
+// the bucket with more free slots); the moves are bounded, and a table that
+// cannot be filled within them is not built (the list keeps the plain search).
 
 constexpr unsigned kBucketBytes = 64;
 /* Fewest tag bits a 4-byte slot must keep, else the slots take 8 bytes. */
@@ -58,15 +58,13 @@ Layout layout_for(std::uint64_t n, std::uint64_t payload, bool by_entry)
     const unsigned used = l.offset_bits + l.entry_bits;
     l.slot_bytes = used + kMinTagBits <= 32 ? 4 : 8;
     l.tag_bits = std::min(32u, 8 * l.slot_bytes - used);
-    /* 4-byte slots filled to 127/128, 8-byte slots (8 a bucket) to 15/16,
+    /* 4-byte slots filled to 63/64, 8-byte slots (8 a bucket) to 15/16,
      * and two buckets more (small tables). */
     const std::uint64_t per = kBucketBytes / l.slot_bytes;
-    const std::uint64_t slots = (l.slot_bytes == 4 ? n + n / 127 : n + n / 15) + 2 * per;
+    const std::uint64_t slots = (l.slot_bytes == 4 ? n + n / 63 : n + n / 15) + 2 * per;
     l.buckets = std::max<std::uint64_t>(1, (slots + per - 1) / per);
     return l;
 }
-
-static_assert(__BYTE_ORDER__ == __ORDER_LITTLE_ENDIAN__, "keys are read in little-endian words");
 
 /* A key folded as the comparator folds, in words, then eight zeros. */
 struct FoldedKey {
@@ -74,45 +72,18 @@ struct FoldedKey {
     std::uint64_t hash;
     alignas(8) unsigned char k[kShortKey + 8];
 
-    /* False for keys longer than kShortKey. The key is read in words
-     * inside its own bytes (the last word overlapping the one before, or
-     * for keys under eight bytes pieced together from smaller loads), so
-     * that stores and loads of the folded copy match word for word. */
+    /* False for keys longer than kShortKey. */
     bool prepare(const unsigned char *key, std::size_t len, bool fold)
     {
         klen = len;
         if (len > kShortKey) return false;
-        std::uint64_t h = 0x9E3779B97F4A7C15ull ^ len;
-        std::size_t i = 0;
-        auto step = [&](std::uint64_t w) {
-            if (fold) w = fold_word(w);
-            std::memcpy(k + i, &w, 8);
-            h = mix(h ^ w) + i;
-        };
-        for (; i + 8 <= len; i += 8) step(load_le64(key + i));
-        if (i < len) step(len >= 8 ? load_le64(key + len - 8) >> (8 * (8 - (len - i))) : load_short(key, len));
         const std::uint64_t zero = 0;
-        std::memcpy(k + (i < len ? i + 8 : i), &zero, 8);
-        hash = mix(h);
+        std::memcpy(k + len / 8 * 8, &zero, 8); /* keys of whole words */
+        hash = hash_bytes(key, len, fold, [this, &zero](std::size_t i, std::uint64_t w) {
+            std::memcpy(k + i, &w, 8);
+            std::memcpy(k + i + 8, &zero, 8);
+        });
         return true;
-    }
-    static std::uint64_t load_le64(const unsigned char *p)
-    {
-        std::uint64_t w;
-        std::memcpy(&w, p, 8);
-        return w;
-    }
-    /* 1 to 7 bytes, the rest zero. */
-    static std::uint64_t load_short(const unsigned char *p, std::size_t n)
-    {
-        if (n >= 4) {
-            std::uint32_t a, b;
-            std::memcpy(&a, p, 4);
-            std::memcpy(&b, p + n - 4, 4);
-            return a | std::uint64_t(b) << (8 * (n - 4));
-        }
-        std::uint64_t w = p[0] | std::uint64_t(p[n / 2]) << (8 * (n / 2));
-        return w | std::uint64_t(p[n - 1]) << (8 * (n - 1));
     }
     /* The stored view at p equals the key: the folded words agree up to
      * and with the view's NUL. A word is read only while all before it
@@ -196,11 +167,24 @@ private:
             return m;
         }
     }
+    /* Free slots of a bucket, one bit each. Slots fill from the first
+     * on and are never emptied, so a bucket with more free slots has the
+     * larger mask. */
     static unsigned free_in(const Bucket &bk)
     {
-        unsigned m = 0;
-        for (unsigned i = 0; i < kPer; ++i) m |= unsigned(bk.slot[i] == kFree) << i;
-        return m;
+        const __m128i *v = reinterpret_cast<const __m128i *>(bk.slot);
+        const __m128i ones = _mm_set1_epi32(-1);
+        auto eq = [&](int i) { return _mm_cmpeq_epi32(_mm_load_si128(v + i), ones); };
+        const unsigned m = unsigned(_mm_movemask_epi8(_mm_packs_epi16(_mm_packs_epi32(eq(0), eq(1)), _mm_packs_epi32(eq(2), eq(3)))));
+        if constexpr (sizeof(W) == 4) {
+            return m;
+        } else {
+            /* An 8-byte slot is free when both its halves are: keep one bit a pair. */
+            unsigned x = m & (m >> 1) & 0x5555u;
+            x = (x | x >> 1) & 0x3333u;
+            x = (x | x >> 2) & 0x0F0Fu;
+            return (x | x >> 4) & 0x00FFu;
+        }
     }
     std::uint32_t offset(W w) const { return std::uint32_t(w & W(offset_mask_)); }
     std::uint32_t entry(W w) const { return std::uint32_t((w >> lay_.offset_bits) & W(entry_mask_)); }
@@ -245,12 +229,12 @@ private:
     {
         std::size_t c[2] = {b, partner(b, t)};
         for (unsigned move = 0;; ++move) {
-            for (const std::size_t x : c) {
-                const unsigned f = free_in(buckets_[x]);
-                if (f != 0) {
-                    buckets_[x].slot[__builtin_ctz(f)] = w;
-                    return true;
-                }
+            /* The bucket with more free slots (the home bucket on a tie). */
+            const unsigned f0 = free_in(buckets_[c[0]]), f1 = free_in(buckets_[c[1]]);
+            if ((f0 | f1) != 0) {
+                const bool second = f1 > f0;
+                buckets_[c[second]].slot[__builtin_ctz(second ? f1 : f0)] = w;
+                return true;
             }
             if (move == kMaxMoves || moves_left_ == 0) return false;
             --moves_left_;
@@ -315,6 +299,7 @@ private:
             table.add(hash_bytes(s.ptr, std::size_t(len), fold), by_entry_ ? off | W(i) << lay.offset_bits : off);
         }
         table.flush();
+        if (getenv("DBGH")) fprintf(stderr, "W=%zu n=%u buckets=%zu moves=%llu ok=%d\n", sizeof(W), n, buckets_.size(), (unsigned long long)(kMovesPerEntry * n + kMaxMoves - moves_left_), ok_);
         return ok_;
     }
 
