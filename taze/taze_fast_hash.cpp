@@ -141,7 +141,7 @@ private:
     std::size_t partner(std::size_t b, W t) const
     {
         const std::size_t n = buckets_.size();
-        const std::size_t x = slot_in(mix(std::uint64_t(t) + 1), n);
+        const std::size_t x = slot_in((std::uint64_t(t) + 1) * 0x9E3779B97F4A7C15ull, n);
         return x >= b ? x - b : x + n - b;
     }
     /* Slots of a bucket whose tag is t, one bit each: the tags shifted
