@@ -21,7 +21,7 @@ namespace {
 // insertion moves slots without reading their texts). A search reads both
 // lines at once, compares the tags of their slots and reads the text only
 // behind a matching tag: straight from the payload, with no element record
-// in between. With two choices among sixteen slots a table fills to 63/64
+// in between. With two choices among sixteen slots a table fills to 127/128
 // of its slots (about 4 bytes per entry) with few moves (an insertion takes
 // the bucket with more free slots); the moves are bounded, and a table that
 // cannot be filled within them is not built (the list keeps the plain search).
@@ -58,10 +58,10 @@ Layout layout_for(std::uint64_t n, std::uint64_t payload, bool by_entry)
     const unsigned used = l.offset_bits + l.entry_bits;
     l.slot_bytes = used + kMinTagBits <= 32 ? 4 : 8;
     l.tag_bits = std::min(32u, 8 * l.slot_bytes - used);
-    /* 4-byte slots filled to 63/64, 8-byte slots (8 a bucket) to 15/16,
+    /* 4-byte slots filled to 127/128, 8-byte slots (8 a bucket) to 15/16,
      * and two buckets more (small tables). */
     const std::uint64_t per = kBucketBytes / l.slot_bytes;
-    const std::uint64_t slots = (l.slot_bytes == 4 ? n + n / 63 : n + n / 15) + 2 * per;
+    const std::uint64_t slots = (l.slot_bytes == 4 ? n + n / 127 : n + n / 15) + 2 * per;
     l.buckets = std::max<std::uint64_t>(1, (slots + per - 1) / per);
     return l;
 }
