@@ -77,12 +77,9 @@ struct FoldedKey {
     {
         klen = len;
         if (len > kShortKey) return false;
+        hash = hash_bytes(key, len, fold, [this](std::size_t i, std::uint64_t w) { std::memcpy(k + i, &w, 8); });
         const std::uint64_t zero = 0;
-        std::memcpy(k + len / 8 * 8, &zero, 8); /* keys of whole words */
-        hash = hash_bytes(key, len, fold, [this, &zero](std::size_t i, std::uint64_t w) {
-            std::memcpy(k + i, &w, 8);
-            std::memcpy(k + i + 8, &zero, 8);
-        });
+        std::memcpy(k + (len + 7) / 8 * 8, &zero, 8); /* the word after the key's last */
         return true;
     }
     /* The stored view at p equals the key: the folded words agree up to
@@ -200,15 +197,15 @@ private:
         const std::uint64_t h = short_key ? fk.hash : hash_bytes(key, klen, fold_);
         const W t = tag_of(h);
         const std::size_t b1 = slot_in(h, buckets_.size()), b2 = partner(b1, t);
-        prefetch(&buckets_[b2]);
-        for (const std::size_t b : {b1, b2}) {
-            const Bucket &bk = buckets_[b];
-            for (unsigned m = matching(bk, t, shift_); m != 0; m &= m - 1) {
-                const W w = bk.slot[__builtin_ctz(m)];
-                if (by_entry_) prefetch(texts_.base + std::size_t(entry(w)) * texts_.stride);
-                const unsigned char *p = base_ + offset(w);
-                if (short_key ? fk.same(p, fold_) : same_long(key, klen, p)) return by_entry_ ? entry(w) : 0;
-            }
+        const Bucket &one = buckets_[b1], &two = buckets_[b2];
+        /* The candidates of both buckets in one mask, so that which of the
+         * two holds the key costs no branch. */
+        for (std::uint32_t m = matching(one, t, shift_) | matching(two, t, shift_) << kPer; m != 0; m &= m - 1) {
+            const unsigned at = unsigned(__builtin_ctz(m));
+            const W w = (at < kPer ? one : two).slot[at % kPer];
+            if (by_entry_) prefetch(texts_.base + std::size_t(entry(w)) * texts_.stride);
+            const unsigned char *p = base_ + offset(w);
+            if (short_key ? fk.same(p, fold_) : same_long(key, klen, p)) return by_entry_ ? entry(w) : 0;
         }
         return kMiss;
     }
