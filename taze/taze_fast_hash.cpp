@@ -23,8 +23,10 @@ namespace {
 // behind a matching tag: straight from the payload, with no element record
 // in between. With two choices among sixteen slots a table fills to 127/128
 // of its slots (about 4 bytes per entry) with few moves (an insertion takes
-// the bucket with more free slots); the moves are bounded, and a table that
-// cannot be filled within them is not built (the list keeps the plain search).
+// the bucket with more free slots); the moves are bounded. A 4-byte table
+// that cannot be filled within them (few tag bits give a slot few partners)
+// is built again with 8-byte slots; one of those that cannot be filled is
+// not built (the list keeps the plain search or its tree).
 
 constexpr unsigned kBucketBytes = 64;
 /* Fewest tag bits a 4-byte slot must keep, else the slots take 8 bytes. */
@@ -50,13 +52,13 @@ struct Layout {
 
 /* The layout of the table over n entries whose texts lie in `payload`
  * bytes; by_entry for map keys. The one place the index's size is decided. */
-Layout layout_for(std::uint64_t n, std::uint64_t payload, bool by_entry)
+Layout layout_for(std::uint64_t n, std::uint64_t payload, bool by_entry, bool wide = false)
 {
     Layout l{};
     l.offset_bits = bits_for(payload);
     l.entry_bits = by_entry ? bits_for(n) : 0;
     const unsigned used = l.offset_bits + l.entry_bits;
-    l.slot_bytes = used + kMinTagBits <= 32 ? 4 : 8;
+    l.slot_bytes = used + kMinTagBits <= 32 && !wide ? 4 : 8;
     l.tag_bits = std::min(32u, 8 * l.slot_bytes - used);
     /* 4-byte slots filled to 127/128, 8-byte slots (8 a bucket) to 15/16,
      * and two buckets more (small tables). */
@@ -265,7 +267,8 @@ private:
         }
     };
 
-    bool fill(const Texts &t, bool fold, const Payload &pl, const Layout &lay, Budget &b)
+    /* *crowded: the slots were all read and ordered, but could not all be placed. */
+    bool fill(const Texts &t, bool fold, const Payload &pl, const Layout &lay, Budget &b, bool *crowded)
     {
         fold_ = fold;
         base_ = pl.begin;
@@ -296,7 +299,7 @@ private:
             table.add(hash_bytes(s.ptr, std::size_t(len), fold), by_entry_ ? off | W(i) << lay.offset_bits : off);
         }
         table.flush();
-        if (getenv("DBGH")) fprintf(stderr, "W=%zu n=%u buckets=%zu moves=%llu ok=%d\n", sizeof(W), n, buckets_.size(), (unsigned long long)(kMovesPerEntry * n + kMaxMoves - moves_left_), ok_);
+        *crowded = !ok_;
         return ok_;
     }
 
@@ -320,8 +323,16 @@ Accel *make_hash_index(const Texts &t, bool fold, const Payload &pl, Budget &b)
     const bool by_entry = t.stride != sizeof(counted_string_t);
     const Layout lay = layout_for(t.count, payload, by_entry);
     if (lay.offset_bits + lay.entry_bits + kMinTagBits > 64) return nullptr;
-    if (lay.slot_bytes == 4) return filled<HashIndex<std::uint32_t>>(t, fold, pl, lay, b);
-    return filled<HashIndex<std::uint64_t>>(t, fold, pl, lay, b);
+    bool crowded = false;
+    if (lay.slot_bytes == 8) return filled<HashIndex<std::uint64_t>>(t, fold, pl, lay, b, &crowded);
+    if (Accel *a = filled<HashIndex<std::uint32_t>>(t, fold, pl, lay, b, &crowded)) return a;
+    if (!crowded) return nullptr;
+    /* Few tag bits give a slot few partners, and moves near a full table
+     * may run out: once, 8-byte slots (more tag bits, a lighter fill),
+     * under a reservation of the bytes they take beyond the 4-byte table. */
+    const Layout wide = layout_for(t.count, payload, by_entry, true);
+    const std::uint64_t more = wide.bytes() - std::min(wide.bytes(), lay.bytes());
+    return within(b, more, [&]() -> Accel * { return filled<HashIndex<std::uint64_t>>(t, fold, pl, wide, b, &crowded); });
 }
 
 std::uint64_t hash_index_bytes(const Texts &t, const Payload &pl)
