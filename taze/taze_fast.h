@@ -6,7 +6,7 @@
  *
  * - exact lists and exact-keyed maps whose entries the builder found in the
  *   order their comparator needs, with no two entries comparing equal: a
- *   compact hash table (one control byte and one four-byte value a slot)
+ *   compact hash table (packed slots: text offset, entry number, hash tag)
  *   over the folded NUL-terminated views (a key equals at most
  *   one entry, and the bisection finds that one);
  * - IPv4, IPv6 and port range lists whose ranges ascend without overlapping:

@@ -22,7 +22,7 @@ Accel *index_texts(const Texts &t, const Use &u, const Options &o, const Payload
             return within(b, 2 * kIndexBase + 48 * n, [&] { return make_substr_index(t, u.fold, pl, b); });
         }
         if (u.match != Match::Exact || !o.hash_exact || n < o.min_entries) return nullptr;
-        return within(b, hash_index_bytes(n), [&] { return make_hash_index(t, u.fold, pl, b); });
+        return within(b, hash_index_bytes(t, pl), [&] { return make_hash_index(t, u.fold, pl, b); });
     case Round::Heads:
         /* The table reserves its own memory once it knows its runs. */
         if (u.match == Match::Exact || u.match == Match::Substr || !o.head_groups || n < o.min_head_entries) return nullptr;

@@ -179,22 +179,47 @@ inline std::uint64_t fold_word(std::uint64_t x)
     return x | (upper >> 2);
 }
 
-/* Hash of n bytes (folded or not). */
-inline std::uint64_t hash_bytes(const unsigned char *p, std::size_t n, bool fold)
+inline std::uint64_t load_le64(const unsigned char *p)
+{
+    std::uint64_t w;
+    std::memcpy(&w, p, 8);
+    return w;
+}
+/* 1 to 7 bytes as a little-endian word, the rest zero, read inside them. */
+inline std::uint64_t load_short(const unsigned char *p, std::size_t n)
+{
+    if (n >= 4) {
+        std::uint32_t a, b;
+        std::memcpy(&a, p, 4);
+        std::memcpy(&b, p + n - 4, 4);
+        return a | std::uint64_t(b) << (8 * (n - 4));
+    }
+    const std::uint64_t w = p[0] | std::uint64_t(p[n / 2]) << (8 * (n / 2));
+    return w | std::uint64_t(p[n - 1]) << (8 * (n - 1));
+}
+static_assert(__BYTE_ORDER__ == __ORDER_LITTLE_ENDIAN__, "texts are hashed in little-endian words");
+
+/* Hash of n bytes (folded or not), read in words inside them: the last
+ * one overlaps the word before, or for fewer than eight bytes is pieced
+ * together from smaller loads. sink(offset, word) sees each folded word,
+ * its bytes past n zero. */
+template <class Sink>
+inline std::uint64_t hash_bytes(const unsigned char *p, std::size_t n, bool fold, Sink &&sink)
 {
     std::uint64_t h = 0x9E3779B97F4A7C15ull ^ n;
     std::size_t i = 0;
-    for (; i + 8 <= n; i += 8) {
-        std::uint64_t w;
-        std::memcpy(&w, p + i, 8);
-        h = mix(h ^ (fold ? fold_word(w) : w)) + i;
-    }
-    if (i < n) {
-        std::uint64_t w = 0;
-        std::memcpy(&w, p + i, n - i);
-        h = mix(h ^ (fold ? fold_word(w) : w)) + i;
-    }
+    auto step = [&](std::uint64_t w) {
+        if (fold) w = fold_word(w);
+        sink(i, w);
+        h = mix(h ^ w) + i;
+    };
+    for (; i + 8 <= n; i += 8) step(load_le64(p + i));
+    if (i < n) step(n >= 8 ? load_le64(p + n - 8) >> (8 * (8 - (n - i))) : load_short(p, n));
     return mix(h);
+}
+inline std::uint64_t hash_bytes(const unsigned char *p, std::size_t n, bool fold)
+{
+    return hash_bytes(p, n, fold, [](std::size_t, std::uint64_t) {});
 }
 
 // ---- Entries -------------------------------------------------------------------------
@@ -530,8 +555,8 @@ inline std::uint64_t tree_bytes(std::uint64_t n, std::uint64_t node) { return kI
 
 /* Exact text lists in strict comparator order (taze_fast_hash.cpp). */
 Accel *make_hash_index(const Texts &t, bool fold, const Payload &pl, Budget &b);
-/* Most bytes the hash index of n entries takes. */
-std::uint64_t hash_index_bytes(std::uint64_t n);
+/* Most bytes the hash index of a list takes (the one place its size is decided). */
+std::uint64_t hash_index_bytes(const Texts &t, const Payload &pl);
 /* Range lists ascending without overlap: bucket tables (taze_fast_ranges.cpp). */
 Accel *index_ordered_ranges(const ip_rng_list_st &l, Budget &b);
 Accel *index_ordered_ranges(const port_rng_list_st &l, Budget &b);

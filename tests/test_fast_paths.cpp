@@ -565,6 +565,58 @@ TEST(FastPaths, StringKeyedMapsFindTheSameEntries)
     EXPECT_GT(heads, 20);
 }
 
+/* Exact lists (folded and case-sensitive) and string-keyed maps of every
+ * size around the hash index's threshold and up to tables filled by moves,
+ * with entries of 1 to 40 bytes (every tail length of the word compare) and
+ * a few longer than the keys a search folds on its stack. The 6000-entry
+ * map needs 8-byte slots (offset, entry number and tag), the others 4. */
+TEST(FastPaths, HashedListsOfEverySizeAnswerAsThePlainSearches)
+{
+    for (const unsigned n : {1u, 15u, 16u, 17u, 300u, 6000u}) {
+        Rng r(n);
+        std::vector<std::string> v;
+        while (v.size() < n + n / 4 + 4) {
+            const unsigned len = r.one_in(50) ? 250 + r.below(60) : 1 + r.below(40);
+            std::string t(len, 'a');
+            for (char &c : t) c = "aAbBzZ.-09\xE4"[r.below(11)];
+            v.push_back(t);
+        }
+        std::vector<std::string> folded = v, exact = v;
+        for (auto [order, list] : {std::pair{tazw::Order::Fold, &folded}, std::pair{tazw::Order::Bytewise, &exact}}) {
+            tazw::sort_in(order, *list);
+            list->erase(std::unique(list->begin(), list->end(), [&](auto &a, auto &b) { return !tazw::less_in(order, a, b); }), list->end());
+            list->resize(n);
+        }
+        std::vector<tazw::StrIntEntry> si;
+        for (const std::string &k : folded) si.push_back({k, {r.below(4)}});
+        Image img(tazw::concat({tazw::section(magic4("STR"), 1, tazw::list(0, n, tazw::string_entries(folded))),
+                                tazw::section(magic4("CASE"), 1, tazw::list(0, n, tazw::string_entries(exact))),
+                                tazw::section(magic4("SIM"), 1, tazw::list(0, n, tazw::map_entries(si)))}));
+        ASSERT_NE(img.p, nullptr);
+        fast::build(img.p, fast::Options{}); /* lists under the threshold: none */
+        const void *lists[] = {img.p->string_lists, img.p->string_case_lists, img.p->str_int_map_lists};
+        for (const void *l : lists) {
+            const fast::Accel *a = fast::find(img.p, l);
+            ASSERT_EQ(a != nullptr, n >= fast::Options{}.min_entries) << n;
+            if (a != nullptr) ASSERT_EQ(fast::shape(a), fast::Shape::Hash) << n;
+        }
+        for (const auto *list : {&folded, &exact})
+            for (const std::string &e : *list) {
+                std::string flipped = e, changed = e;
+                for (char &c : flipped) c = char(c ^ (r.one_in(2) ? 0x20 : 0));
+                changed[r.below(unsigned(e.size()))] ^= 1;
+                for (const std::string &key : {e, flipped, changed, e.substr(0, e.size() - 1), e + "a", r.text(12)}) {
+                    ASSERT_EQ(fast::list_search(img.p, img.p->string_lists, bytes(key), str_list_search),
+                              str_list_search(bytes(key), img.p->string_lists)) << n << " '" << key << "'";
+                    ASSERT_EQ(fast::list_search(img.p, img.p->string_case_lists, bytes(key), str_case_list_search),
+                              str_case_list_search(bytes(key), img.p->string_case_lists)) << n << " '" << key << "'";
+                    check_map(img.p, img.p->str_int_map_lists, bytes(key), MT_STRING, r.below(4), simap_list_search_by_key,
+                              simap_list_search, std::to_string(n) + " '" + key + "'");
+                }
+            }
+    }
+}
+
 /* The same for the key searches that take no map type. */
 template <class List, class Key, class Entry>
 void check_key(const Pattern *p, const List *l, Key key, int (*by_key)(Key, const List *, const Entry **),
