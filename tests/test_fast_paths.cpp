@@ -12,6 +12,7 @@ extern "C" std::size_t __sanitizer_get_current_allocated_bytes(); /* the sanitiz
 #endif
 #include <cstring>
 #include <functional>
+#include <memory>
 #include <random>
 #include <string>
 #include <vector>
@@ -326,13 +327,54 @@ std::vector<std::pair<B, B>> ranges(Rng &r, bool tidy, B (*make)(std::uint64_t))
     return v;
 }
 
-tazw::IPv6 v6(std::uint64_t x)
+using U128 = unsigned __int128;
+
+tazw::IPv6 six(U128 x)
 {
     tazw::IPv6 a{};
-    a[0] = 0x20;
-    for (int i = 0; i < 8; ++i) a[15 - i] = std::uint8_t(x >> (8 * i));
+    for (int i = 0; i < 16; ++i) a[std::size_t(15 - i)] = std::uint8_t(x >> (8 * i));
     return a;
 }
+tazw::IPv6 v6(std::uint64_t x) { return six(U128(0x20) << 120 | x); }
+
+/* An IPv4, a port and an IPv6 range list in one image (a list left empty
+ * is not checked), indexed with opt; check() compares the indexes' answers
+ * with the plain searches for one key of each. */
+struct RangeImage {
+    std::vector<std::pair<std::uint32_t, std::uint32_t>> v4;
+    std::vector<std::pair<std::uint16_t, std::uint16_t>> ports;
+    std::vector<std::pair<tazw::IPv6, tazw::IPv6>> v6s;
+    std::unique_ptr<Image> img;
+
+    void build(const fast::Options &opt, bool buckets)
+    {
+        img = std::make_unique<Image>(tazw::concat({
+            tazw::section(magic4("IP"), 1, tazw::list(0, std::uint32_t(v4.size()), tazw::ip_entries(v4))),
+            tazw::section(magic4("PORT"), 1, tazw::list(0, std::uint32_t(ports.size()), tazw::port_entries(ports))),
+            tazw::section(magic4("IPV6"), 1, tazw::list(0, std::uint32_t(v6s.size()), tazw::ipv6_entries(v6s)))}));
+        ASSERT_NE(img->p, nullptr);
+        ASSERT_EQ(fast::build(img->p, opt), 0);
+        const Pattern *p = img->p;
+        if (buckets)
+            for (const void *l : {v4.empty() ? nullptr : (const void *)p->ip_range_lists,
+                                  ports.empty() ? nullptr : (const void *)p->port_range_lists,
+                                  v6s.empty() ? nullptr : (const void *)p->ipv6_range_lists})
+                if (l != nullptr) EXPECT_EQ(fast::shape(fast::find(p, l)), fast::Shape::Buckets);
+    }
+    void check(std::uint32_t ip, std::uint16_t port, const tazw::IPv6 &a, const std::string &what) const
+    {
+        const Pattern *p = img->p;
+        if (!v4.empty())
+            ASSERT_EQ(fast::list_search(p, p->ip_range_lists, ip, ip_rng_list_search),
+                      ip_rng_list_search(ip, p->ip_range_lists)) << what << " ip " << ip;
+        if (!ports.empty())
+            ASSERT_EQ(fast::list_search(p, p->port_range_lists, port, port_rng_list_search),
+                      port_rng_list_search(port, p->port_range_lists)) << what << " port " << port;
+        if (!v6s.empty())
+            ASSERT_EQ(fast::list_search(p, p->ipv6_range_lists, a.data(), ipv6_rng_list_search),
+                      ipv6_rng_list_search(a.data(), p->ipv6_range_lists)) << what << " ipv6";
+    }
+};
 
 /* Ordered lists get bucket tables (IPv4 ranges narrow, or spread over the
  * whole address space), the others trees; both are checked against the
@@ -343,28 +385,15 @@ TEST(FastPaths, RangeListsAnswerAsThePlainSearches)
         Rng r(seed);
         const bool tidy = seed % 2 == 0;
         const std::uint64_t scale = seed % 4 == 2 ? 500009 : 7;
-        const fast::Options &opt = seed % 6 == 4 ? kTreesOnly : kEveryList;
-        std::vector<std::pair<std::uint32_t, std::uint32_t>> v4;
+        RangeImage ri;
         for (const auto &[lo, hi] : ranges<std::uint64_t>(r, tidy, [](std::uint64_t x) { return x; }))
-            v4.push_back({std::uint32_t(lo * scale), std::uint32_t(hi * scale)});
-        auto ports = ranges<std::uint16_t>(r, tidy, [](std::uint64_t x) { return std::uint16_t(x); });
-        auto six = ranges<tazw::IPv6>(r, tidy, v6);
-        Image img(tazw::concat({tazw::section(magic4("IP"), 1, tazw::list(0, std::uint32_t(v4.size()), tazw::ip_entries(v4))),
-                                tazw::section(magic4("PORT"), 1, tazw::list(0, std::uint32_t(ports.size()), tazw::port_entries(ports))),
-                                tazw::section(magic4("IPV6"), 1, tazw::list(0, std::uint32_t(six.size()), tazw::ipv6_entries(six)))}));
-        ASSERT_NE(img.p, nullptr);
-        ASSERT_EQ(fast::build(img.p, opt), 0);
-        for (std::uint64_t x = 0; x < 4400; x += 1 + (x % 3)) {
-            const auto ip = std::uint32_t(x * scale + r.below(3) - 1);
-            EXPECT_EQ(fast::list_search(img.p, img.p->ip_range_lists, ip, ip_rng_list_search),
-                      ip_rng_list_search(ip, img.p->ip_range_lists)) << seed << " ip " << ip;
-            const auto port = std::uint16_t(x);
-            EXPECT_EQ(fast::list_search(img.p, img.p->port_range_lists, port, port_rng_list_search),
-                      port_rng_list_search(port, img.p->port_range_lists)) << seed << " port " << port;
-            const tazw::IPv6 a = v6(x);
-            EXPECT_EQ(fast::list_search(img.p, img.p->ipv6_range_lists, a.data(), ipv6_rng_list_search),
-                      ipv6_rng_list_search(a.data(), img.p->ipv6_range_lists)) << seed << " ipv6 " << x;
-        }
+            ri.v4.push_back({std::uint32_t(lo * scale), std::uint32_t(hi * scale)});
+        ri.ports = ranges<std::uint16_t>(r, tidy, [](std::uint64_t x) { return std::uint16_t(x); });
+        ri.v6s = ranges<tazw::IPv6>(r, tidy, v6);
+        ASSERT_NO_FATAL_FAILURE(ri.build(seed % 6 == 4 ? kTreesOnly : kEveryList, false));
+        for (std::uint64_t x = 0; x < 4400; x += 1 + (x % 3))
+            ASSERT_NO_FATAL_FAILURE(
+                ri.check(std::uint32_t(x * scale + r.below(3) - 1), std::uint16_t(x), v6(x), std::to_string(seed)));
     }
 }
 
@@ -387,30 +416,19 @@ TEST(FastPaths, ClusteredRangesAnswerAsThePlainSearches)
             }
             at += std::uint64_t(1) << (28 + c % 3); /* far apart */
         }
-        std::vector<std::pair<std::uint32_t, std::uint32_t>> v4;
-        std::vector<std::pair<tazw::IPv6, tazw::IPv6>> six;
+        RangeImage ri;
         /* IPv6 clusters far apart, each far narrower than a top bucket. */
         const auto wide = [](std::uint64_t x) { return (x << 20) + ((x >> 27) << 56); };
         for (const auto &[lo, hi] : spans) {
-            v4.push_back({std::uint32_t(lo), std::uint32_t(hi)});
-            six.push_back({v6(wide(lo)), v6(wide(hi) | 0xFFFFF)});
+            ri.v4.push_back({std::uint32_t(lo), std::uint32_t(hi)});
+            ri.v6s.push_back({v6(wide(lo)), v6(wide(hi) | 0xFFFFF)});
         }
-        Image img(tazw::concat({tazw::section(magic4("IP"), 1, tazw::list(0, std::uint32_t(v4.size()), tazw::ip_entries(v4))),
-                                tazw::section(magic4("IPV6"), 1, tazw::list(0, std::uint32_t(six.size()), tazw::ipv6_entries(six)))}));
-        ASSERT_NE(img.p, nullptr);
-        ASSERT_EQ(fast::build(img.p, kEveryList), 0);
-        ASSERT_EQ(fast::shape(fast::find(img.p, img.p->ipv6_range_lists)), fast::Shape::Buckets);
+        ASSERT_NO_FATAL_FAILURE(ri.build(kEveryList, true));
         for (const auto &[lo, hi] : spans)
-            for (std::uint64_t x : {lo - (1 << 27), lo - 1, lo, lo + 1, hi - 1, hi, hi + 1, hi + (1 << 27)}) {
-                const auto ip = std::uint32_t(x);
-                ASSERT_EQ(fast::list_search(img.p, img.p->ip_range_lists, ip, ip_rng_list_search),
-                          ip_rng_list_search(ip, img.p->ip_range_lists)) << clusters << " ip " << ip;
-                for (std::uint64_t v : {wide(x), wide(x) | 0xFFFFF, wide(x) - (std::uint64_t(1) << 50), wide(x) + (std::uint64_t(1) << 50)}) {
-                    const tazw::IPv6 a = v6(v);
-                    ASSERT_EQ(fast::list_search(img.p, img.p->ipv6_range_lists, a.data(), ipv6_rng_list_search),
-                              ipv6_rng_list_search(a.data(), img.p->ipv6_range_lists)) << clusters << " ipv6 " << x;
-                }
-            }
+            for (std::uint64_t x : {lo - (1 << 27), lo - 1, lo, lo + 1, hi - 1, hi, hi + 1, hi + (1 << 27)})
+                for (std::uint64_t v : {wide(x), wide(x) | 0xFFFFF, wide(x) - (std::uint64_t(1) << 50),
+                                        wide(x) + (std::uint64_t(1) << 50)})
+                    ASSERT_NO_FATAL_FAILURE(ri.check(std::uint32_t(x), 0, v6(v), std::to_string(clusters)));
     }
 }
 
@@ -424,67 +442,39 @@ TEST(FastPaths, ClusteredRangesAnswerAsThePlainSearches)
  * as the plain searches do. */
 TEST(FastPaths, RangeListsOfRealShapesAnswerAsThePlainSearches)
 {
-    using U = unsigned __int128;
     struct Row {
         const char *what;
         unsigned n, group, width_bits;
         bool touching;
-        U far;
+        U128 far;
     };
     const Row rows[] = {{"touching, as country tables", 3000, 0, 10, true, 0},
                         {"touching ports", 3000, 0, 2, true, 0},
-                        {"widths 1 to 2^16 in clusters", 4000, 500, 16, false, U(1) << 27},
-                        {"groups of 20 narrow ranges far apart", 3000, 20, 6, false, U(1) << 24},
-                        {"groups of 20 narrow ranges very far apart", 3000, 20, 6, false, U(1) << 90}};
-    const auto six = [](U x) {
-        tazw::IPv6 a{};
-        for (int i = 0; i < 16; ++i) a[std::size_t(15 - i)] = std::uint8_t(x >> (8 * i));
-        return a;
-    };
+                        {"widths 1 to 2^16 in clusters", 4000, 500, 16, false, U128(1) << 27},
+                        {"groups of 20 narrow ranges far apart", 3000, 20, 6, false, U128(1) << 24},
+                        {"groups of 20 narrow ranges very far apart", 3000, 20, 6, false, U128(1) << 90}};
     for (const Row &row : rows) {
         Rng r(row.n + row.group);
-        std::vector<std::pair<U, U>> spans;
-        U at = 5;
+        std::vector<std::pair<U128, U128>> spans;
+        U128 at = 5;
         for (unsigned i = 0; i < row.n; ++i) {
             if (row.group != 0 && i % row.group == 0) at += row.far;
-            const U w = U(1) << r.below(row.width_bits + 1);
+            const U128 w = U128(1) << r.below(row.width_bits + 1);
             spans.push_back({at, at + w - 1});
             at += w + (row.touching ? (r.one_in(16) ? 1 + r.below(3) : 0) : r.below(4) * w);
         }
-        std::vector<std::pair<std::uint32_t, std::uint32_t>> v4;
-        std::vector<std::pair<std::uint16_t, std::uint16_t>> ports;
-        std::vector<std::pair<tazw::IPv6, tazw::IPv6>> v6s;
+        RangeImage ri;
         for (const auto &[lo, hi] : spans) {
-            if (spans.back().second <= 0xFFFFFFFFu) v4.push_back({std::uint32_t(lo), std::uint32_t(hi)});
-            if (spans.back().second <= 0xFFFFu) ports.push_back({std::uint16_t(lo), std::uint16_t(hi)});
-            v6s.push_back({six(lo), six(hi)});
+            if (spans.back().second <= 0xFFFFFFFFu) ri.v4.push_back({std::uint32_t(lo), std::uint32_t(hi)});
+            if (spans.back().second <= 0xFFFFu) ri.ports.push_back({std::uint16_t(lo), std::uint16_t(hi)});
+            ri.v6s.push_back({six(lo), six(hi)});
         }
-        Image img(tazw::concat({tazw::section(magic4("IP"), 1, tazw::list(0, std::uint32_t(v4.size()), tazw::ip_entries(v4))),
-                                tazw::section(magic4("PORT"), 1, tazw::list(0, std::uint32_t(ports.size()), tazw::port_entries(ports))),
-                                tazw::section(magic4("IPV6"), 1, tazw::list(0, std::uint32_t(v6s.size()), tazw::ipv6_entries(v6s)))}));
-        ASSERT_NE(img.p, nullptr);
-        ASSERT_EQ(fast::build(img.p, kEveryList), 0);
-        for (const void *l : {v4.empty() ? nullptr : (const void *)img.p->ip_range_lists, (const void *)img.p->ipv6_range_lists,
-                              ports.empty() ? nullptr : (const void *)img.p->port_range_lists})
-            if (l != nullptr) {
-                ASSERT_EQ(fast::shape(fast::find(img.p, l)), fast::Shape::Buckets) << row.what;
-            }
+        ASSERT_NO_FATAL_FAILURE(ri.build(kEveryList, true));
         for (std::size_t i = 0; i < spans.size(); ++i) {
             const auto [lo, hi] = spans[i];
-            const U gap = i + 1 < spans.size() ? (hi + spans[i + 1].first) / 2 : hi + 7;
-            for (U x : {lo - 1, lo, lo + 1, (lo + hi) / 2, hi - 1, hi, hi + 1, gap}) {
-                const tazw::IPv6 a = six(x);
-                ASSERT_EQ(fast::list_search(img.p, img.p->ipv6_range_lists, a.data(), ipv6_rng_list_search),
-                          ipv6_rng_list_search(a.data(), img.p->ipv6_range_lists)) << row.what << " ipv6 " << std::uint64_t(x);
-                if (!v4.empty()) {
-                    ASSERT_EQ(fast::list_search(img.p, img.p->ip_range_lists, std::uint32_t(x), ip_rng_list_search),
-                              ip_rng_list_search(std::uint32_t(x), img.p->ip_range_lists)) << row.what << " ip " << std::uint64_t(x);
-                }
-                if (!ports.empty()) {
-                    ASSERT_EQ(fast::list_search(img.p, img.p->port_range_lists, std::uint16_t(x), port_rng_list_search),
-                              port_rng_list_search(std::uint16_t(x), img.p->port_range_lists)) << row.what << " port " << std::uint64_t(x);
-                }
-            }
+            const U128 gap = i + 1 < spans.size() ? (hi + spans[i + 1].first) / 2 : hi + 7;
+            for (U128 x : {lo - 1, lo, lo + 1, (lo + hi) / 2, hi - 1, hi, hi + 1, gap})
+                ASSERT_NO_FATAL_FAILURE(ri.check(std::uint32_t(x), std::uint16_t(x), six(x), row.what));
         }
     }
 }
