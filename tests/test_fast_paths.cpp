@@ -225,6 +225,29 @@ TEST(FastPaths, HeadTablesAnswerAsThePlainSearches)
     EXPECT_GT(heads, 200);
 }
 
+/* A prefix (or suffix) list of the sorted entries v, indexed: for every
+ * key the index answers the entry the plain bisection stops at. Keys longer
+ * than long_keys may be left to the plain search. */
+void expect_bisections_entry(const std::vector<std::string> &v, bool suffix, const std::vector<std::string> &keys,
+                             const std::string &what, std::size_t long_keys = SIZE_MAX)
+{
+    Image img(tazw::section(magic4(suffix ? "SUF" : "PRE"), 1, tazw::list(0, std::uint32_t(v.size()), tazw::string_entries(v))));
+    ASSERT_NE(img.p, nullptr);
+    ASSERT_EQ(fast::build(img.p, kEveryList), 0);
+    const void *list = suffix ? static_cast<const void *>(img.p->string_suffix_lists) : img.p->string_prefix_lists;
+    const counted_string_t *items = suffix ? img.p->string_suffix_lists->strings : img.p->string_prefix_lists->strings;
+    const fast::Accel *a = fast::find(img.p, list);
+    ASSERT_NE(a, nullptr) << what;
+    if (long_keys == SIZE_MAX) ASSERT_EQ(fast::shape(a), fast::Shape::Heads) << what;
+    for (const std::string &key : keys) {
+        const counted_string_t k{bytes(key), UINT32(key.size())};
+        const counted_string_t *hit = taze::bisect(&k, items, v.size(), suffix ? str_compare_reverse_prefix : str_compare_prefix);
+        const std::int64_t got = fast::lookup(a, bytes(key));
+        if (got == fast::kPlain && key.size() > long_keys) continue;
+        ASSERT_EQ(got, hit ? hit - items : fast::kMiss) << what << (suffix ? " suffix '" : " prefix '") << key << "'";
+    }
+}
+
 /* A run of more entries than a slot counts (300 sharing the head "runrun",
  * one of them no longer than it) and a long run whose entries all go on
  * ("nestne" and a number: a table of its own for heads of seven bytes),
@@ -241,25 +264,11 @@ TEST(FastPaths, HeadTablesFindTheEndsOfLongRuns)
         for (int i = 0; i < 400; ++i) v.push_back(r.head(6) + r.text(4));
         tazw::sort_in(order, v);
         v.erase(std::unique(v.begin(), v.end(), [&](const std::string &a, const std::string &b) { return !tazw::less_in(order, a, b); }), v.end());
-        Image img(tazw::section(magic4(suffix ? "SUF" : "PRE"), 1, tazw::list(0, std::uint32_t(v.size()), tazw::string_entries(v))));
-        ASSERT_NE(img.p, nullptr);
-        ASSERT_EQ(fast::build(img.p, kEveryList), 0);
-        const str_prefix_list_st *pl = img.p->string_prefix_lists;
-        const str_suffix_list_st *sl = img.p->string_suffix_lists;
-        const counted_string_t *items = suffix ? sl->strings : pl->strings;
-        const std::uint32_t n = suffix ? sl->nr_strings : pl->nr_strings;
-        const fast::Accel *a = fast::find(img.p, suffix ? static_cast<const void *>(sl) : pl);
-        ASSERT_NE(a, nullptr);
-        ASSERT_EQ(fast::shape(a), fast::Shape::Heads);
         std::vector<std::string> keys = keys_for(r, v);
         for (const char *k : {"runrun", "RUNRUN", "runru", "xrunrun", "runrunx", "runrun150", "150runrun", "runrun299", "0runrun",
                               "nestne", "nestne7", "nestne77", "77nestne", "nestne119x", "x119nestne", "nestne1199", "nestneX"})
             keys.push_back(k);
-        for (const std::string &key : keys) {
-            const counted_string_t k{bytes(key), UINT32(key.size())};
-            const counted_string_t *hit = taze::bisect(&k, items, n, suffix ? str_compare_reverse_prefix : str_compare_prefix);
-            ASSERT_EQ(fast::lookup(a, bytes(key)), hit ? hit - items : fast::kMiss) << key << (suffix ? " suffix" : " prefix");
-        }
+        ASSERT_NO_FATAL_FAILURE(expect_bisections_entry(v, suffix, keys, "long runs"));
     }
 }
 
@@ -290,22 +299,10 @@ TEST(FastPaths, PrefixAndSuffixListsOfEveryShapeHitTheBisectionsEntry)
                 v.push_back(suffix ? std::string(e.rbegin(), e.rend()) : e);
             }
             tazw::sort_in(order, v);
-            Image img(tazw::section(magic4(suffix ? "SUF" : "PRE"), 1, tazw::list(0, std::uint32_t(v.size()), tazw::string_entries(v))));
-            ASSERT_NE(img.p, nullptr);
-            ASSERT_EQ(fast::build(img.p, kEveryList), 0);
-            const void *list = suffix ? static_cast<const void *>(img.p->string_suffix_lists) : img.p->string_prefix_lists;
-            const counted_string_t *items = suffix ? img.p->string_suffix_lists->strings : img.p->string_prefix_lists->strings;
-            const fast::Accel *a = fast::find(img.p, list);
-            ASSERT_NE(a, nullptr) << row.what;
             std::vector<std::string> keys = keys_for(r, v);
             for (const std::string &e : v) keys.push_back(suffix ? "x" + e : e + "x");
-            for (const std::string &key : keys) {
-                const counted_string_t k{bytes(key), UINT32(key.size())};
-                const counted_string_t *hit = taze::bisect(&k, items, v.size(), suffix ? str_compare_reverse_prefix : str_compare_prefix);
-                const std::int64_t got = fast::lookup(a, bytes(key));
-                if (got == fast::kPlain && key.size() > 2048) continue; /* very long keys search plainly */
-                ASSERT_EQ(got, hit ? hit - items : fast::kMiss) << row.what << (suffix ? " suffix '" : " prefix '") << key << "'";
-            }
+            /* very long keys search plainly */
+            ASSERT_NO_FATAL_FAILURE(expect_bisections_entry(v, suffix, keys, row.what, 2048));
         }
 }
 
