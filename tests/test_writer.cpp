@@ -179,33 +179,4 @@ TEST(Writer, PairOrders)
     }
 }
 
-TEST(Writer, SortedLists)
-{
-    const std::vector<std::string> input = {"www.Example.com", "example.com", "EXAMPLE.COM", "mail.example.org",
-                                            "Zeta",            "alpha",       "_under",      "\xC3\xA9t\xC3\xA9",
-                                            "com",             "m.COM"};
-    const struct {
-        Order order;
-        std::vector<std::string> want;
-    } cases[] = {
-        {Order::Fold,
-         {"_under", "alpha", "com", "example.com", "EXAMPLE.COM", "m.COM", "mail.example.org", "www.Example.com",
-          "Zeta", "\xC3\xA9t\xC3\xA9"}},
-        {Order::Bytewise,
-         {"EXAMPLE.COM", "Zeta", "_under", "alpha", "com", "example.com", "m.COM", "mail.example.org",
-          "www.Example.com", "\xC3\xA9t\xC3\xA9"}},
-        {Order::FoldReversed,
-         {"alpha", "Zeta", "mail.example.org", "com", "example.com", "EXAMPLE.COM", "www.Example.com", "m.COM",
-          "_under", "\xC3\xA9t\xC3\xA9"}},
-        {Order::BytewiseReversed,
-         {"EXAMPLE.COM", "m.COM", "alpha", "Zeta", "mail.example.org", "com", "www.Example.com", "example.com",
-          "_under", "\xC3\xA9t\xC3\xA9"}},
-    };
-    for (const auto &c : cases) {
-        std::vector<std::string> v = input;
-        tazw::sort_in(c.order, v);
-        EXPECT_EQ(v, c.want) << int(c.order);
-    }
-}
-
 } // namespace
