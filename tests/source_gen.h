@@ -224,7 +224,8 @@ private:
             std::set<std::uint32_t> numbers{0, 6};
             if (!p_.every_family) {
                 numbers.clear();
-                for (unsigned n = num(1, 3); numbers.size() < n;) numbers.insert(num(0, 5) == 0 ? num(6, 300) : num(0, 5));
+                for (unsigned n = num(1, 3); numbers.size() < n;)
+                    numbers.insert(num(0, 5) == 0 ? num(6, 300) : num(0, 5));
             }
             for (std::uint32_t number : numbers) fam[std::to_string(number)] = list(f);
             (std::string(f.group) == "lists" ? lists : maps)[f.name] = fam;
