@@ -8,7 +8,6 @@
 #include "test_support.h"
 #include "taze_impl.h"
 #include "tazeptn.h"
-#include "tfsh_md5.h"
 
 namespace {
 
@@ -122,16 +121,7 @@ TEST(Writer, EncryptedSubPatterns)
         ASSERT_EQ(file.size(), 60 + 24 + body) << n;
         EXPECT_EQ(be32(file, 32), 0x00070001u) << n; /* subtype, enctype */
         EXPECT_EQ(be32(file, 60), body) << n;
-        EXPECT_EQ(be32(file, 64), n) << n;
-
-        /* The stored body and digest decrypt to the payload. */
-        ENCHEAD head{};
-        head.enclen = be32(file, 60);
-        head.declen = be32(file, 64);
-        std::memcpy(head.digest, &file[68], 16);
-        Bytes buf(file.begin() + 84, file.end());
-        ASSERT_EQ(decBuf(&head, buf.data()), KORM_TFSH_MD5_SUCCESS) << n;
-        EXPECT_EQ(Bytes(buf.begin(), buf.begin() + long(n)), s.payload) << n;
+        EXPECT_EQ(be32(file, 64), n) << n; /* the body itself: test_crypto */
     }
 }
 
