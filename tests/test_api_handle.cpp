@@ -4,8 +4,7 @@
 #include <string>
 #include <vector>
 
-#include "test_support.h"
-#include "tazewriter_info.h"
+#include "query_table.h"
 
 namespace {
 
@@ -26,64 +25,30 @@ TEST(ApiHandle, InitAndFini)
     TAZE_Fini(a);
 }
 
-/* One call on a handle that is null or holds no pattern. */
-struct EmptyCall {
-    const char *name;
-    std::function<int(TAZE *)> run;
-    int on_empty; /* a null handle always gives PARA_ERR */
-};
-
+/* Every query, and the calls the query table leaves out, on a null handle
+ * and on one that holds no pattern: refused before any output is touched. */
 TEST(ApiHandle, NullAndEmptyHandlesAreRefused)
 {
-    char buf[32];
-    char *text = nullptr;
-    unsigned int u = 0, v = 0;
-    const char *info = nullptr;
-    const unsigned char *data = nullptr;
-    const std::uint8_t ipv6[16] = {};
-    TAZE_StringList list{};
-    TAZE_StringIntMap si{};
-    TAZE_StringIPv6Map sip{};
-    TAZE_IPv6IntMap ipi{};
-    const std::vector<EmptyCall> calls = {
-        {"GetPatternVersion", [&](TAZE *h) { return TAZE_GetPatternVersion(h, buf, sizeof buf); }, PARA_ERR},
-        {"GetCompilerVersion", [&](TAZE *h) { return TAZE_GetCompilerVersion(h, buf, sizeof buf); }, PARA_ERR},
-        {"ReloadPatternDir", [&](TAZE *h) { return TAZE_ReloadPatternDir(h, "/", "a"); }, PARA_ERR},
-        {"GetRawPatternByType", [&](TAZE *h) { return TAZE_GetRawPatternByType(h, RPT_YUB, &data, &u); },
-         UNKNOWN_ERR},
-        {"GetRuleInfoCount", [&](TAZE *h) { return TAZE_GetRuleInfoCount(h, &u); }, PARA_ERR},
-        {"GetRuleInfoCountEx", [&](TAZE *h) { return TAZE_GetRuleInfoCountEx(h, PT_TAZ, &u); }, PARA_ERR},
-        {"GetRuleIndexDesc", [&](TAZE *h) { return TAZE_GetRuleIndexDesc(h, 0, &text); }, PARA_ERR},
-        {"GetRuleIdDesc", [&](TAZE *h) { return TAZE_GetRuleIdDesc(h, 1, &text); }, PARA_ERR},
-        {"GetRuleIdRiskEx", [&](TAZE *h) { return TAZE_GetRuleIdRiskEx(h, PT_ULM, 1, &text); }, PARA_ERR},
-        {"CheckRuleIdClean", [&](TAZE *h) { return TAZE_CheckRuleIdClean(h, 1, 6, 1, &u); }, PARA_ERR},
-        {"GetCleanInfo", [&](TAZE *h) { return TAZE_GetCleanInfo(h, 6, &u, &text, &text); }, PARA_ERR},
-        {"GetProtocolIdDesc", [&](TAZE *h) { return TAZE_GetProtocolIdDesc(h, 6, &text); }, PARA_ERR},
-        {"GetKnownRiskInfo", [&](TAZE *h) { return TAZE_GetKnownRiskInfo(h, 2, 6, &u, &v); }, PARA_ERR},
-        {"GetUlmInfo", [&](TAZE *h) { return TAZE_GetUlmInfo(h, &info); }, PARA_ERR},
-        {"GetThreatType", [&](TAZE *h) { return TAZE_GetThreatType(h, 1, &u); }, PARA_ERR},
-        {"SearchStringList, unknown kind",
-         [&](TAZE *h) { return TAZE_PatternSearchStringList(h, 0, "a", 2); }, PARA_ERR},
-        {"SearchIPv6RangeList", [&](TAZE *h) { return TAZE_PatternSearchIPv6RangeList(h, 0, ipv6, PT_TAZ); },
-         PARA_ERR},
-        {"GetStringList", [&](TAZE *h) { return TAZE_PatternGetStringList(h, 0, PT_TAZ, &list); }, PARA_ERR},
-        {"GetSIMapByKey", [&](TAZE *h) { return TAZE_PatternGetSIMapByKey(h, PT_TAZ, MT_STRING, 0, "a", &si); },
-         PARA_ERR},
-        {"GetSIPv6MapByKey",
-         [&](TAZE *h) { return TAZE_PatternGetSIPv6MapByKey(h, PT_TAZ, MT_STRING, 0, "a", &sip); }, PARA_ERR},
-        {"GetIPv6IMapByIndex", [&](TAZE *h) { return TAZE_PatternGetIPv6IMapByIndex(h, PT_TAZ, 0, 0, &ipi); },
-         PARA_ERR},
-        {"GetIIMapCount", [&](TAZE *h) { return TAZE_PatternGetIIMapCount(h, PT_TAZ, 0, 0); }, PARA_ERR},
-    };
+    std::vector<apif::Query> calls = apif::every_query();
+    calls.push_back(apif::query<apif::Text>("string list", [](TAZE *h, char **) {
+        TAZE_StringList list{};
+        return TAZE_PatternGetStringList(h, 0, PT_TAZ, &list) + (list.strings ? 1000 : 0);
+    }));
+    calls.push_back(apif::plain("reload", TAZE_ReloadPatternDir, "/", "a"));
+    calls.push_back(apif::plain("unknown kind", TAZE_PatternSearchStringList, 0, "a", 2));
+    calls.push_back({"pattern version", [](TAZE *h) {
+                         char buf[32] = "untouched";
+                         return std::to_string(TAZE_GetPatternVersion(h, buf, sizeof buf)) + " " + buf;
+                     }});
+    const std::string refused = std::to_string(PARA_ERR);
     tazt::Handle empty = tazt::new_handle();
-    for (const EmptyCall &c : calls) {
-        SCOPED_TRACE(c.name);
-        EXPECT_EQ(c.run(nullptr), PARA_ERR);
-        EXPECT_EQ(c.run(empty.get()), c.on_empty);
+    for (const apif::Query &q : calls) {
+        const std::string on_null = q.ask(nullptr), on_empty = q.ask(empty.get());
+        EXPECT_EQ(on_null.substr(on_null.find(' ') + 1), on_empty.substr(on_empty.find(' ') + 1)) << q.name;
+        EXPECT_EQ(on_null.substr(0, on_null.find(' ')), refused) << q.name << ": " << on_null;
+        const std::string want = q.name == "raw pattern" ? std::to_string(UNKNOWN_ERR) : refused;
+        EXPECT_EQ(on_empty.substr(0, on_empty.find(' ')), want) << q.name << ": " << on_empty;
     }
-    EXPECT_EQ(text, nullptr); /* nothing was copied */
-    EXPECT_EQ(list.strings, nullptr);
-    EXPECT_EQ(si.ints, nullptr); /* refused before the result is touched */
 
     /* The switches and the unload do nothing without a loaded pattern. */
     for (TAZE *h : {static_cast<TAZE *>(nullptr), empty.get()}) {
@@ -91,7 +56,7 @@ TEST(ApiHandle, NullAndEmptyHandlesAreRefused)
         TAZE_PointToTAZPattern(h);
         TAZE_UnloadPattern(h);
     }
-    EXPECT_EQ(TAZE_GetPatternVersion(empty.get(), buf, sizeof buf), PARA_ERR);
+    EXPECT_EQ(calls.back().ask(empty.get()), refused + " untouched");
 }
 
 /* A pattern whose threat type section repeats its list: loading it warns. */

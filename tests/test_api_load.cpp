@@ -14,7 +14,6 @@ namespace {
 using tazw::Bytes;
 
 constexpr std::uint32_t kVer77 = KORM_MAKE_PATTERN_VER(1, 35, 77);
-static_assert(kVer77 == 0x1230004Du);
 constexpr std::uint32_t kVer5 = KORM_MAKE_PATTERN_VER(1, 0, 5);
 constexpr std::uint32_t kVer7 = KORM_MAKE_PATTERN_VER(1, 0, 7);
 constexpr std::uint32_t kVer9 = KORM_MAKE_PATTERN_VER(1, 0, 9);
@@ -146,33 +145,6 @@ std::string make_dir(const std::vector<DirFile> &files)
         EXPECT_TRUE(tazw::write_file(dir + "/" + tazw::pattern_file_name(f.prefix, f.ver), bytes));
     }
     return dir;
-}
-
-struct DirCase {
-    const char *name;
-    std::vector<DirFile> files;
-    int rc;
-    const char *version; /* after the call */
-};
-
-TEST(ApiLoad, DirectoryLoadTakesTheNewestGoodFile)
-{
-    const std::vector<DirCase> cases = {
-        {"one file", {{kVer5, true}}, 0, "1.00005.00"},
-        {"newest of three", {{kVer7, true}, {kVer9, true}, {kVer5, true}}, 0, "1.00009.00"},
-        {"newest corrupt falls back", {{kVer5, true}, {kVer7, false}}, 0, "1.00005.00"},
-        {"two newest corrupt", {{kVer5, true}, {kVer7, false}, {kVer9, false}}, 0, "1.00005.00"},
-        {"all corrupt", {{kVer5, false}, {kVer7, false}}, READ_ERR, "none"},
-        {"other prefix only", {{kVer5, true, "b"}}, ACCESS_ERR, "none"}, {"empty directory", {}, ACCESS_ERR, "none"},
-    };
-    for (const DirCase &c : cases) {
-        SCOPED_TRACE(c.name);
-        const std::string dir = make_dir(c.files);
-        tazt::Handle h = tazt::new_handle();
-        EXPECT_EQ(TAZE_LoadPatternDir(h.get(), dir.c_str(), "a"), c.rc);
-        EXPECT_EQ(pattern_version(h.get()), c.version);
-        EXPECT_EQ(raw_pattern(h.get()).has_value(), c.rc == 0);
-    }
 }
 
 TEST(ApiLoad, ScanFailureIsReportedOnTheErrorBit)

@@ -17,6 +17,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <dirent.h>
+#include <fstream>
 #include <string>
 #include <vector>
 
@@ -599,15 +600,8 @@ std::vector<std::pair<std::string, Bytes>> files_in(const std::string &dir)
     if (!d) return out;
     while (struct dirent *e = readdir(d)) {
         if (e->d_name[0] == '.') continue;
-        const std::string path = dir + "/" + e->d_name;
-        FILE *f = std::fopen(path.c_str(), "rb");
-        if (!f) continue;
-        Bytes data;
-        unsigned char chunk[4096];
-        std::size_t n;
-        while ((n = std::fread(chunk, 1, sizeof chunk, f)) > 0) data.insert(data.end(), chunk, chunk + n);
-        std::fclose(f);
-        out.push_back({e->d_name, data});
+        std::ifstream in(dir + "/" + e->d_name, std::ios::binary);
+        out.push_back({e->d_name, Bytes(std::istreambuf_iterator<char>(in), {})});
     }
     closedir(d);
     return out;

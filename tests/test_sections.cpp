@@ -34,7 +34,6 @@ std::string load_printing(const Bytes &payload, ImagePtr &out)
 }
 
 std::string text(const counted_string_t &s) { return {reinterpret_cast<const char *>(s.ptr), s.len}; }
-std::string text(const unsigned char *s) { return s ? reinterpret_cast<const char *>(s) : "<null>"; }
 
 std::vector<std::string> texts(const counted_string_t *s, UINT32 n)
 {
@@ -56,11 +55,6 @@ Bytes raw_list(std::uint32_t number, std::uint32_t size, std::uint32_t count, Le
     return concat({LeBuf().u32(number).u32(size).u32(count).take(), entries.take()});
 }
 Bytes str_section(std::uint32_t count, const Bytes &body) { return section(MAGIC_TAZE_PATTERN_STR, count, body); }
-template <typename Entry>
-Bytes map_section(UINT32 magic, const std::vector<Entry> &e)
-{
-    return section(magic, 1, list(0, std::uint32_t(e.size()), map_entries(e)));
-}
 
 const IPv6 kA{0x20, 0x01, 0x0d, 0xb8}, kB{0xfe, 0x80, 15, 14, 13, 12, 11, 10, 9, 8, 7, 6, 5, 4, 3, 2};
 
@@ -279,47 +273,6 @@ TEST(SectionWalk, SparseListNumbers)
             EXPECT_EQ(texts(l->strings, l->nr_strings), strings) << "list " << n;
         }
     }
-}
-
-TEST(MapLists, EveryLayoutDecodes)
-{
-    const std::vector<tazw::StrIntEntry> si{{"alpha", {1, 2, 3}}, {"beta", {}}};
-    ImagePtr img = load(concat({
-        map_section(MAGIC_TAZE_PATTERN_STR_INT_MAP, si), map_section(MAGIC_TAZE_PATTERN_PREFIX_INT_MAP, si),
-        map_section(MAGIC_TAZE_PATTERN_STR_IPV6_MAP, std::vector<StrIPv6Entry>{{"k", {kA, kB}}}),
-        map_section(MAGIC_TAZE_PATTERN_INT_INT_MAP, std::vector<tazw::IntIntEntry>{{5, {7}}}),
-        map_section(MAGIC_TAZE_PATTERN_IPV6_INT_MAP, std::vector<IPv6IntEntry>{{kB, {9, 10}}}),
-        /* nr 0: the next entry's key follows the count directly */
-        map_section(MAGIC_TAZE_PATTERN_INT_STR_MAP, std::vector<tazw::IntStrEntry>{{7, {}}, {9, {"v"}}}),
-        map_section(MAGIC_TAZE_PATTERN_SUBSTR_SUFFIX_MAP, std::vector<tazw::StrStrEntry>{{"key", {"v1", "v2"}}}),
-    }));
-    ASSERT_TRUE(img);
-    /* "PIM\0" and "SIM\0" hold the same layout; only the lookups differ */
-    for (const simap_list_st *l : {&img->str_int_map_lists[0], &img->prefix_int_map_lists[0]}) {
-        ASSERT_EQ(l->nr_str_int_maps, 2u);
-        EXPECT_EQ(text(l->str_int_maps[0].string) + text(l->str_int_maps[1].string), "alphabeta");
-        const UINT32 *ints = l->str_int_maps[0].ints;
-        EXPECT_EQ(std::vector<UINT32>(ints, ints + 3), (std::vector<UINT32>{1, 2, 3}));
-        EXPECT_EQ(l->str_int_maps[1].nr_ints, 0u);
-        EXPECT_NE(l->str_int_maps[1].ints, nullptr) << "an empty last entry still has its (empty) values";
-    }
-    const sipv6map_st &s6 = img->string_ipv6_map_lists[0].str_ipv6_maps[0];
-    ASSERT_EQ(s6.nr_ipv6s, 2u);
-    EXPECT_EQ(0, std::memcmp(s6.ipv6s[1].bytes, kB.data(), 16));
-    const iimap_st &ii = img->int_int_map_lists[0].int_int_maps[0];
-    EXPECT_EQ(ii.key * 10 + ii.ints[0], 57u);
-    const ipv6imap_st &i6 = img->ipv6_int_map_lists[0].ipv6_int_maps[0];
-    EXPECT_EQ(0, std::memcmp(i6.ipv6.bytes, kB.data(), 16));
-    EXPECT_EQ(i6.ints[1], 10u);
-    const ismap_list_st &is = img->int_str_map_lists[0];
-    ASSERT_EQ(is.nr_int_str_maps, 2u);
-    EXPECT_EQ(is.int_str_maps[0].nr_strings, 0u);
-    EXPECT_NE(is.int_str_maps[0].strs, nullptr) << "a value array of zero elements";
-    EXPECT_EQ(is.int_str_maps[1].key, 9u);
-    EXPECT_EQ(texts(is.int_str_maps[1].strs, 1), (std::vector<std::string>{"v"}));
-    const ssmap_st &ss = img->substr_suffix_map_lists[0].str_str_maps[0];
-    EXPECT_EQ(text(ss.string), "key");
-    EXPECT_EQ(texts(ss.strs, ss.nr_strings), (std::vector<std::string>{"v1", "v2"}));
 }
 
 /* A string-to-IPv6 entry whose section holds 16 bytes after its count. */

@@ -2,17 +2,13 @@
  * (every listed entry must be found by its search, which fails when an
  * array is stored in the wrong order), refusals naming their JSON path,
  * exit codes, and the example source. */
-#include <arpa/inet.h>
-
 #include <algorithm>
 #include <cstdio>
 #include <cstdlib>
 #include <fstream>
-#include <random>
-#include <set>
 #include <sstream>
 
-#include "source_model.h"
+#include "source_gen.h"
 #include "test_support.h"
 
 namespace {
@@ -157,131 +153,11 @@ void expect_all_found(TAZE *h, int pt, const tazc::Kind &kind, const Json &sourc
     EXPECT_EQ(families_seen, in_source);
 }
 
-/* ---- generated sources that punish a wrong store order ------------------------------- */
-
-/* Words of five tokens: mixed case, '_' (between the upper and lower case
- * letters in byte order), punctuation and a two-byte character. Words of
- * equal token count are never prefixes or suffixes of one another, so every
- * search meets exactly its own entry. */
-class Words {
-public:
-    explicit Words(unsigned seed) : rng_(seed) {}
-    std::vector<std::string> make(std::size_t n, bool case_variants)
-    {
-        static const char *const tokens[] = {"a", "B", "_", "z", "Z", ".", "-", "\xc3\xa9", "0", "m", "A", "b"};
-        std::vector<std::string> out;
-        std::set<std::string> seen;
-        while (out.size() < n) {
-            std::string w;
-            for (int i = 0; i < 5; ++i) w += tokens[rng_() % 12];
-            std::string id = case_variants ? w : upper(w);
-            if (seen.insert(id).second) out.push_back(w);
-            if (case_variants && out.size() < n && seen.insert(upper(w)).second) out.push_back(upper(w));
-        }
-        std::shuffle(out.begin(), out.end(), rng_);
-        return out;
-    }
-    std::uint32_t number() { return rng_(); }
-    std::string ipv6()
-    {
-        std::uint8_t b[16];
-        for (auto &x : b) x = std::uint8_t(rng_());
-        char text[INET6_ADDRSTRLEN];
-        inet_ntop(AF_INET6, b, text, sizeof text);
-        return text;
-    }
-    /* Disjoint ranges in shuffled order, written as text by fmt. */
-    template <typename Fmt>
-    Json ranges(std::size_t n, std::uint64_t max, Fmt fmt)
-    {
-        std::set<std::uint64_t> points;
-        while (points.size() < 2 * n) points.insert(std::uint64_t(rng_()) * (max + 1) >> 32);
-        std::vector<std::uint64_t> p(points.begin(), points.end());
-        Json out = Json::array();
-        std::vector<std::size_t> order(n);
-        for (std::size_t i = 0; i < n; ++i) order[i] = i;
-        std::shuffle(order.begin(), order.end(), rng_);
-        for (std::size_t i : order) out.push_back(fmt(p[2 * i]) + "-" + fmt(p[2 * i + 1]));
-        return out;
-    }
-
-private:
-    std::mt19937 rng_;
-};
-
-std::string ipv4_text(std::uint64_t v)
-{
-    in_addr a{htonl(std::uint32_t(v))};
-    char text[INET_ADDRSTRLEN];
-    inet_ntop(AF_INET, &a, text, sizeof text);
-    return text;
-}
-
-Json values_for(const tazc::Family &f, Words &w)
-{
-    Json vals = Json::array();
-    switch (f.shape) {
-    case tazc::Shape::StrIPv6:
-        for (int i = 0; i < 3; ++i) vals.push_back(w.ipv6());
-        return vals;
-    case tazc::Shape::IntStr:
-    case tazc::Shape::StrStr:
-        return w.make(6, false);
-    default:
-        for (int i = 0; i < 3; ++i) vals.push_back(w.number());
-        return vals;
-    }
-}
-
-/* One list of the family with n entries. */
-Json generated_list(const tazc::Family &f, Words &w, std::size_t n)
-{
-    switch (f.shape) {
-    case tazc::Shape::Strings: return w.make(n, f.case_sensitive);
-    case tazc::Shape::IPv4Ranges: return w.ranges(n, 0xFFFFFFFFu, ipv4_text);
-    case tazc::Shape::PortRanges: return w.ranges(n, 0xFFFF, [](std::uint64_t v) { return std::to_string(v); });
-    case tazc::Shape::IPv6Ranges: {
-        std::string prefix = "2001:db8:" + std::to_string(w.number() % 9000 + 1000) + "::";
-        return w.ranges(n, 0xFFFFFFFFu, [&prefix](std::uint64_t v) {
-            char t[16];
-            std::snprintf(t, sizeof t, "%x:%x", unsigned(v >> 16), unsigned(v & 0xFFFF));
-            return prefix + t;
-        });
-    }
-    default: break;
-    }
-    Json m = Json::object();
-    const bool int_keys = f.shape == tazc::Shape::IntInt || f.shape == tazc::Shape::IntStr;
-    const std::uint32_t base = w.number() & 0xBFFFFFFFu; /* keys lie within 2^30 of each other */
-    std::vector<std::string> words = w.make(n, false);
-    for (std::size_t i = 0; i < n; ++i) {
-        std::string key = int_keys ? std::to_string(base + (w.number() & 0x3FFFFFFF))
-                          : f.shape == tazc::Shape::IPv6Int ? w.ipv6()
-                                                            : words[i];
-        if (!m.contains(key)) m[key] = values_for(f, w);
-    }
-    return m;
-}
-
-Json generated_kind(bool second_kind, unsigned seed)
-{
-    Words w(seed);
-    Json k = Json::object();
-    for (const tazc::Family &f : tazc::families()) {
-        if (second_kind && f.main_kind_only) continue;
-        k[f.group][f.name]["0"] = generated_list(f, w, 41);
-        k[f.group][f.name]["6"] = generated_list(f, w, 7);
-    }
-    return k;
-}
-
 TEST(Tazc, EveryEntryIsFoundByItsSearch)
 {
     for (unsigned seed : {1u, 2u, 3u}) {
         SCOPED_TRACE("seed " + std::to_string(seed));
-        Json src = generated_kind(false, seed);
-        src["pattern_version"] = 0x1230004D;
-        src["ulm"] = generated_kind(true, seed + 100);
+        const Json src = tazt::SourceGen(seed, tazt::kLongLists).source();
         tazc::Source model = tazc::parse_source(src.dump(), "");
         ASSERT_TRUE(model.ulm);
         tazt::Handle h = load_source(model, seed != 2);
