@@ -1,8 +1,10 @@
 /* A counting allocator for test, benchmark and fuzz programs: replaces
  * malloc and friends of the whole program with the C library's own, and
  * keeps the bytes held by live allocations (usable sizes) and the highest
- * value seen. Sanitizer builds bring their own allocator: there its malloc
- * and free hooks count the requested sizes instead.
+ * value seen. Sanitizer builds bring their own allocator: under the address
+ * sanitizer its malloc and free hooks count the requested sizes instead;
+ * under the thread sanitizer, whose hooks do not pair up around realloc,
+ * nothing is counted (the other builds hold the bounds).
  *
  * Include it in exactly one source file of a program. It also holds the
  * bound that one load may allocate. */
@@ -20,6 +22,13 @@
 #elif defined(__has_feature)
 #if __has_feature(address_sanitizer) || __has_feature(thread_sanitizer) || __has_feature(memory_sanitizer)
 #define TAZT_SANITIZED 1
+#endif
+#endif
+#if defined(__SANITIZE_THREAD__)
+#define TAZT_THREAD_SANITIZED 1
+#elif defined(__has_feature)
+#if __has_feature(thread_sanitizer)
+#define TAZT_THREAD_SANITIZED 1
 #endif
 #endif
 
@@ -78,7 +87,9 @@ long long peak_of(F &&f)
     return g_peak.load() - before;
 }
 
-#ifdef TAZT_SANITIZED
+#if defined(TAZT_THREAD_SANITIZED)
+/* no counting */
+#elif defined(TAZT_SANITIZED)
 #define TAZT_COUNTING 1
 extern "C" {
 int __sanitizer_install_malloc_and_free_hooks(void (*)(const volatile void *, size_t),
