@@ -55,18 +55,15 @@ public:
             joined += i > 0 && touch(items[i - 1], items[i]) ? 0 : 1;
         }
         if (!b.take(n * sizeof(Item))) return nullptr;
-        auto *x = new (std::nothrow) OrderedRanges;
-        if (x != nullptr && !x->fill(items, n, joined - 1, b)) {
-            delete x;
-            x = nullptr;
-        }
-        return x;
+        return filled<OrderedRanges>(items, n, joined - 1, b);
     }
 
     Shape shape() const override { return Shape::Buckets; }
 
 private:
     friend KeyedAccel<OrderedRanges, B>;
+    template <class T, class... A>
+    friend T *::taze::fast::filled(A &&...args); /* runs fill() */
     static constexpr std::uint32_t kNestFrom = sizeof(Item) >= 32 ? 32 : 192; /* ranges in a bucket that get a table of their own */
     static constexpr unsigned kMaxLevels = 8;
     static constexpr std::uint32_t kTable = 0x80000000u; /* a cell naming its bucket's table */
